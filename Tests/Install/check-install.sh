@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Installs the build tree into a scratch prefix, then builds and runs the
+# consumer program twice: once with find_package(Fennick), once with pkg-config.
+set -euo pipefail
+build=$1 consumer=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+
+cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/cmake-build/consumer" | grep -qx "consumer: ok"
+
+export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
+g++ "$consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs fennick)
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/pc-consumer" | grep -qx "consumer: ok"
+echo "installed package builds outside programs"

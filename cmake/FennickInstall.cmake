@@ -1,0 +1,29 @@
+# Installs the libraries, the headers under include/fennick, the CMake package
+# (find_package(Fennick)) and fennick.pc for pkg-config.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS fennick fennick_static EXPORT FennickTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS fennick_flags EXPORT FennickTargets)
+install(TARGETS fennick_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+foreach(header ${FENNICK_HEADERS})
+  get_filename_component(dir ${header} DIRECTORY)
+  install(FILES ${CMAKE_SOURCE_DIR}/Sources/${header}
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fennick/${dir})
+endforeach()
+
+set(FENNICK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Fennick)
+install(EXPORT FennickTargets NAMESPACE Fennick:: DESTINATION ${FENNICK_CMAKE_DIR})
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/FennickConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/FennickConfig.cmake INSTALL_DESTINATION ${FENNICK_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/FennickConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/FennickConfig.cmake
+              ${CMAKE_BINARY_DIR}/FennickConfigVersion.cmake
+        DESTINATION ${FENNICK_CMAKE_DIR})
+
+configure_file(${CMAKE_SOURCE_DIR}/cmake/fennick.pc.in ${CMAKE_BINARY_DIR}/fennick.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/fennick.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,21 @@
+# Warnings, sanitizers and defaults shared by every Fennick target.
+add_library(fennick_flags INTERFACE)
+target_compile_options(fennick_flags INTERFACE -Wall -Wextra -Wpedantic
+  $<$<BOOL:${FENNICK_WERROR}>:-Werror>)
+
+if(FENNICK_SANITIZE STREQUAL "address")
+  set(FENNICK_SANITIZER_FLAGS -fsanitize=address,undefined -fno-omit-frame-pointer
+      -fno-sanitize-recover=undefined)
+elseif(FENNICK_SANITIZE STREQUAL "thread")
+  set(FENNICK_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+elseif(FENNICK_SANITIZE)
+  message(FATAL_ERROR "FENNICK_SANITIZE must be address or thread")
+endif()
+if(FENNICK_SANITIZER_FLAGS)
+  add_compile_options(${FENNICK_SANITIZER_FLAGS})
+  add_link_options(${FENNICK_SANITIZER_FLAGS})
+endif()
+
+function(fennick_configure_target target)
+  target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:fennick_flags>)
+endfunction()
