@@ -1,0 +1,80 @@
+#pragma once
+// Conversions between C++ values and runtime objects, used by key-value coding
+// and by the method tables: scalars box into Number, text into String, and
+// object references pass through with a checked downcast.
+#include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/String.h"
+
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace fennick {
+
+namespace detail {
+template <class T>
+struct IsRef : std::false_type {};
+template <class U>
+struct IsRef<std::shared_ptr<U>> : std::true_type {
+  using Element = U;
+};
+template <class T>
+using Bare = std::remove_cvref_t<T>;
+
+[[noreturn]] void throwUnboxMismatch(const Id& value, const char* expected);
+}  // namespace detail
+
+/// A runtime object for a C++ value.
+template <class T>
+Id box(T&& value) {
+  using V = detail::Bare<T>;
+  if constexpr (detail::IsRef<V>::value) {
+    return std::static_pointer_cast<Object>(std::forward<T>(value));
+  } else if constexpr (std::is_enum_v<V>) {
+    return Number::of(static_cast<std::underlying_type_t<V>>(value));
+  } else if constexpr (std::is_arithmetic_v<V>) {
+    return Number::of(value);
+  } else if constexpr (std::is_convertible_v<const V&, std::string_view>) {
+    return String::string(std::string_view(value));
+  } else {
+    static_assert(sizeof(V) == 0, "no boxing for this type");
+  }
+}
+
+/// The C++ value of a runtime object. Object references are checked casts;
+/// scalars need a Number, text needs a String. A mismatch throws Exception
+/// (NSInvalidArgumentException).
+template <class T>
+T unbox(const Id& value) {
+  using V = detail::Bare<T>;
+  if constexpr (std::is_same_v<V, Id>) {
+    return value;
+  } else if constexpr (detail::IsRef<V>::value) {
+    using Element = typename detail::IsRef<V>::Element;
+    if (!value) return nullptr;
+    auto cast = std::dynamic_pointer_cast<Element>(value);
+    if (!cast) detail::throwUnboxMismatch(value, "an object of another class");
+    return cast;
+  } else if constexpr (std::is_arithmetic_v<V> || std::is_enum_v<V>) {
+    auto* number = dynamic_cast<const Number*>(value.get());
+    if (!number) detail::throwUnboxMismatch(value, "a number");
+    if constexpr (std::is_same_v<V, bool>) return number->boolValue();
+    else if constexpr (std::is_floating_point_v<V>) return static_cast<V>(number->doubleValue());
+    else if constexpr (std::is_enum_v<V>) return static_cast<V>(number->integerValue());
+    else if constexpr (std::is_signed_v<V>) return static_cast<V>(number->integerValue());
+    else return static_cast<V>(number->unsignedIntegerValue());
+  } else if constexpr (std::is_same_v<V, std::string>) {
+    auto* string = dynamic_cast<const String*>(value.get());
+    if (!string) detail::throwUnboxMismatch(value, "a string");
+    return string->utf8();
+  } else {
+    static_assert(sizeof(V) == 0, "no unboxing for this type");
+  }
+}
+
+/// Whether a C++ type boxes into a scalar (which refuses nil).
+template <class T>
+inline constexpr bool isScalarBox =
+    std::is_arithmetic_v<detail::Bare<T>> || std::is_enum_v<detail::Bare<T>>;
+
+}  // namespace fennick

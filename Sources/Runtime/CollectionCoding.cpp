@@ -1,0 +1,75 @@
+// How the collections archive themselves, in the layout the platform uses:
+// members under "NS.objects", dictionary keys under "NS.keys".
+#include "fennick/Runtime/Array.h"
+#include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Set.h"
+
+namespace fennick {
+
+void Array::encodeWithCoder(Coder& coder) const { coder.encodeArrayOfObjects_forKey(objects_, "NS.objects"); }
+
+void Array::initWithCoder(Coder& coder) {
+  for (Id& object : coder.decodeArrayOfObjectsForKey("NS.objects")) addObject(object);
+}
+
+void Dictionary::encodeWithCoder(Coder& coder) const {
+  std::vector<Id> keys, values;
+  keys.reserve(count());
+  values.reserve(count());
+  table_.forEach([&](const Entry& entry) {
+    keys.push_back(entry.key);
+    values.push_back(entry.value);
+    return true;
+  });
+  coder.encodeArrayOfObjects_forKey(keys, "NS.keys");
+  coder.encodeArrayOfObjects_forKey(values, "NS.objects");
+}
+
+void Dictionary::initWithCoder(Coder& coder) {
+  std::vector<Id> keys = coder.decodeArrayOfObjectsForKey("NS.keys");
+  std::vector<Id> values = coder.decodeArrayOfObjectsForKey("NS.objects");
+  if (keys.size() != values.size()) return;
+  for (std::size_t i = 0; i < keys.size(); ++i)
+    if (keys[i] && values[i]) setObject_forKey(values[i], keys[i]);
+}
+
+void Set::encodeWithCoder(Coder& coder) const {
+  std::vector<Id> members;
+  members.reserve(count());
+  table_.forEach([&](const Entry& entry) {
+    members.push_back(entry.key);
+    return true;
+  });
+  coder.encodeArrayOfObjects_forKey(members, "NS.objects");
+}
+
+void Set::initWithCoder(Coder& coder) {
+  for (Id& object : coder.decodeArrayOfObjectsForKey("NS.objects"))
+    if (object) addObject(object);
+}
+
+void CountedSet::encodeWithCoder(Coder& coder) const {
+  // Each member once under "NS.objects" with its count beside it.
+  std::vector<Id> members;
+  members.reserve(count());
+  table_.forEach([&](const Entry& entry) {
+    members.push_back(entry.key);
+    return true;
+  });
+  coder.encodeArrayOfObjects_forKey(members, "NS.objects");
+  for (std::size_t i = 0; i < members.size(); ++i)
+    coder.encodeInt64_forKey(static_cast<std::int64_t>(countForObject(members[i])),
+                             "NS.count." + std::to_string(i));
+}
+
+void CountedSet::initWithCoder(Coder& coder) {
+  std::vector<Id> members = coder.decodeArrayOfObjectsForKey("NS.objects");
+  for (std::size_t i = 0; i < members.size(); ++i) {
+    if (!members[i]) continue;
+    const std::int64_t times = coder.decodeInt64ForKey("NS.count." + std::to_string(i));
+    for (std::int64_t n = 0; n < std::max<std::int64_t>(times, 1); ++n) addObject(members[i]);
+  }
+}
+
+}  // namespace fennick

@@ -1,0 +1,14 @@
+#include "fennick/Runtime/Null.h"
+
+#include "fennick/Runtime/ClassBuilder.h"
+
+namespace fennick {
+
+FENNICK_DEFINE_CLASS(Null) { builder.archiveNames({"NSNull"}); }
+
+const Ref<Null>& Null::null() {
+  static const Ref<Null> instance = make<Null>();
+  return instance;
+}
+
+}  // namespace fennick

@@ -1,0 +1,62 @@
+#pragma once
+// Immutable text, stored as UTF-8. Operations that the platform defines on
+// UTF-16 units (length, the capitalised first letter) convert as they go.
+#include "fennick/Runtime/Object.h"
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+
+namespace fennick {
+
+class String : public Object {
+  FENNICK_DECLARE_CLASS(String, Object)
+
+ public:
+  /// A string holding a copy of the UTF-8 text.
+  static Ref<String> string(std::string_view utf8 = {});
+  static Ref<String> string(std::string&& utf8);
+  static Ref<String> string(const char* utf8) { return string(std::string_view(utf8)); }
+  /// A string from fmt-style formatting ("{}").
+  template <class... Args>
+  static Ref<String> format(fmt::format_string<Args...> pattern, Args&&... args) {
+    return string(fmt::format(pattern, std::forward<Args>(args)...));
+  }
+
+  const std::string& utf8() const noexcept { return text_; }
+  std::string_view view() const noexcept { return text_; }
+  const char* UTF8String() const noexcept { return text_.c_str(); }
+  /// Length in UTF-16 code units, as the platform counts it.
+  std::size_t length() const noexcept;
+  bool isEmpty() const noexcept { return text_.empty(); }
+
+  bool isEqualToString(std::string_view other) const noexcept { return text_ == other; }
+  bool hasPrefix(std::string_view prefix) const noexcept { return view().starts_with(prefix); }
+  bool hasSuffix(std::string_view suffix) const noexcept { return view().ends_with(suffix); }
+  Ref<String> stringByAppendingString(std::string_view tail) const;
+  /// The first UTF-16 unit replaced by its capitalised (title-case) form, the
+  /// rest unchanged; an empty string stays as it is.
+  Ref<String> stringWithCapitalizedFirstLetter() const;
+
+  bool isEqual(const Object* other) const override;
+  std::size_t hash() const override { return hash_; }
+  std::string description() const override { return text_; }
+  Id copy() const override;
+
+ protected:
+  explicit String(std::string text);
+
+ private:
+  const std::string text_;
+  const std::size_t hash_;
+};
+
+inline namespace literals {
+/// "key"_s makes a Ref<String>.
+inline Ref<String> operator""_s(const char* text, std::size_t length) {
+  return String::string(std::string_view(text, length));
+}
+}  // namespace literals
+
+}  // namespace fennick
