@@ -16,6 +16,12 @@ void Coder::encodeConditionalObject_forKey(const Id&, std::string_view) {
 void Coder::encodeBool_forKey(bool, std::string_view) { unsupported("encodeBool:forKey:"); }
 void Coder::encodeInt64_forKey(std::int64_t, std::string_view) { unsupported("encodeInt64:forKey:"); }
 void Coder::encodeDouble_forKey(double, std::string_view) { unsupported("encodeDouble:forKey:"); }
+void Coder::encodeBytes_forKey(std::span<const std::uint8_t>, std::string_view) {
+  unsupported("encodeBytes:length:forKey:");
+}
+std::vector<std::uint8_t> Coder::decodeBytesForKey(std::string_view) {
+  unsupported("decodeBytesForKey:returnedLength:");
+}
 void Coder::encodeArrayOfObjects_forKey(const std::vector<Id>&, std::string_view) {
   unsupported("encodeArrayOfObjects:forKey:");
 }

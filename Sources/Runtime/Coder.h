@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -29,6 +30,8 @@ class Coder {
   virtual void encodeBool_forKey(bool value, std::string_view key);
   virtual void encodeInt64_forKey(std::int64_t value, std::string_view key);
   virtual void encodeDouble_forKey(double value, std::string_view key);
+  /// Encodes raw bytes inline (not as an object reference).
+  virtual void encodeBytes_forKey(std::span<const std::uint8_t> bytes, std::string_view key);
   /// Encodes the members as one array of object references (as collections do).
   virtual void encodeArrayOfObjects_forKey(const std::vector<Id>& objects, std::string_view key);
 
@@ -49,6 +52,8 @@ class Coder {
   virtual bool decodeBoolForKey(std::string_view key);
   virtual std::int64_t decodeInt64ForKey(std::string_view key);
   virtual double decodeDoubleForKey(std::string_view key);
+  /// Bytes written by encodeBytes_forKey; empty when absent.
+  virtual std::vector<std::uint8_t> decodeBytesForKey(std::string_view key);
   /// Members of an array written by encodeArrayOfObjects_forKey, each checked
   /// against the allowed classes.
   virtual std::vector<Id> decodeArrayOfObjectsForKey(std::string_view key);

@@ -4,7 +4,10 @@
 
 namespace fennick {
 
-FENNICK_DEFINE_CLASS(Null) { builder.archiveNames({"NSNull"}); }
+FENNICK_DEFINE_CLASS(Null) {
+  builder.archiveNames({"NSNull"});
+  builder.allocator([] { return std::static_pointer_cast<Object>(null()); });
+}
 
 const Ref<Null>& Null::null() {
   static const Ref<Null> instance = make<Null>();

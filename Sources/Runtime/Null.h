@@ -15,6 +15,9 @@ class Null : public Object {
   Id nonNullObject() override { return nullptr; }
   std::string description() const override { return "<null>"; }
   Id copy() const override { return null(); }
+  /// The null marker archives with no state and decodes as the singleton.
+  void encodeWithCoder(Coder&) const override {}
+  void initWithCoder(Coder&) override {}
 
  protected:
   Null() = default;

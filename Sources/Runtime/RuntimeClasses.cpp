@@ -1,6 +1,10 @@
 // Classes that archives and class look-ups may name before any instance has
 // been made. Touching a class's record builds and registers it.
 #include "fennick/Runtime/Array.h"
+#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Date.h"
+#include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Null.h"
 #include "fennick/Runtime/Number.h"
@@ -16,7 +20,9 @@ void registerBuiltinClasses() {
   std::call_once(once, [] {
     for (const Class* cls : {Object::staticClass(), String::staticClass(), Number::staticClass(),
                              Null::staticClass(), Array::staticClass(), Dictionary::staticClass(),
-                             Set::staticClass(), CountedSet::staticClass()})
+                             Set::staticClass(), CountedSet::staticClass(),
+                             Data::staticClass(), Date::staticClass(), UUID::staticClass(),
+                             Error::staticClass()})
       (void)cls;
   });
 }

@@ -1,0 +1,43 @@
+#pragma once
+// Immutable bytes.
+#include "fennick/Runtime/Object.h"
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace fennick {
+
+class Data : public Object {
+  FENNICK_DECLARE_CLASS(Data, Object)
+
+ public:
+  static Ref<Data> data();
+  static Ref<Data> dataWithBytes(const void* bytes, std::size_t length);
+  static Ref<Data> dataWithBytes(std::vector<std::uint8_t> bytes);
+  static Ref<Data> dataWithString(std::string_view text);
+
+  const std::uint8_t* bytes() const noexcept { return bytes_.data(); }
+  std::size_t length() const noexcept { return bytes_.size(); }
+  std::span<const std::uint8_t> span() const noexcept { return bytes_; }
+  const std::vector<std::uint8_t>& vector() const noexcept { return bytes_; }
+  std::string_view stringView() const noexcept {
+    return {reinterpret_cast<const char*>(bytes_.data()), bytes_.size()};
+  }
+
+  bool isEqual(const Object* other) const override;
+  std::size_t hash() const override;
+  /// "{length = n, bytes = 0x0102...}", as the platform prints data.
+  std::string description() const override;
+  Id copy() const override;
+
+ protected:
+  Data() = default;
+  explicit Data(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) {}
+
+ private:
+  const std::vector<std::uint8_t> bytes_;
+};
+
+}  // namespace fennick

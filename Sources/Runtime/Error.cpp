@@ -1,0 +1,106 @@
+#include "fennick/Runtime/Error.h"
+
+#include "fennick/Runtime/Array.h"
+#include "fennick/Runtime/ClassBuilder.h"
+#include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/Dictionary.h"
+
+#include <cstring>
+
+namespace fennick {
+
+FENNICK_DEFINE_CLASS(Error) {
+  builder.archiveNames({"NSError"});
+  builder.coding();
+  builder.property("domain", &Error::domain);
+  builder.property("code", &Error::code);
+  builder.property("userInfo", &Error::userInfo);
+  builder.property("localizedDescription", &Error::localizedDescription);
+}
+
+Error::Error() : userInfo_(Dictionary::emptyDictionary()) {}
+
+Error::Error(std::string domain, std::int64_t code, Ref<Dictionary> userInfo)
+    : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}
+
+Ref<Error> Error::errorWithDomain_code_userInfo(std::string_view domain, std::int64_t code,
+                                                const Ref<Dictionary>& userInfo) {
+  Ref<Dictionary> info = userInfo ? std::static_pointer_cast<Dictionary>(userInfo->copy())
+                                  : Dictionary::emptyDictionary();
+  return make<Error>(std::string(domain), code, std::move(info));
+}
+
+Ref<Error> Error::errorWithDomain_code_description(std::string_view domain, std::int64_t code,
+                                                   std::string_view description) {
+  return errorWithDomain_code_userInfo(
+      domain, code,
+      Dictionary::dictionaryWithStringKeys({{NSLocalizedDescriptionKey, String::string(description)}}));
+}
+
+Ref<Error> Error::posixError(int code) {
+  return errorWithDomain_code_description(NSPOSIXErrorDomain, code, std::strerror(code));
+}
+
+std::string Error::stringForKey(const char* key) const {
+  auto* text = dynamic_cast<const String*>(userInfo_->objectForKey(key).get());
+  return text ? text->utf8() : std::string();
+}
+
+std::string Error::localizedDescription() const {
+  if (auto* text = dynamic_cast<const String*>(userInfo_->objectForKey(NSLocalizedDescriptionKey).get()))
+    return text->utf8();
+  return fmt::format("The operation couldn\u2019t be completed. ({} error {}.)", domain_, code_);
+}
+
+std::string Error::localizedFailureReason() const { return stringForKey(NSLocalizedFailureReasonErrorKey); }
+
+std::string Error::localizedRecoverySuggestion() const {
+  return stringForKey(NSLocalizedRecoverySuggestionErrorKey);
+}
+
+Ref<Array> Error::localizedRecoveryOptions() const {
+  return Array::dynamicCastObject(userInfo_->objectForKey(NSLocalizedRecoveryOptionsErrorKey));
+}
+
+Id Error::recoveryAttempter() const { return userInfo_->objectForKey(NSRecoveryAttempterErrorKey); }
+
+Ref<Error> Error::underlyingError() const {
+  return Error::dynamicCastObject(userInfo_->objectForKey(NSUnderlyingErrorKey));
+}
+
+bool Error::isEqual(const Object* other) const {
+  if (other == this) return true;
+  auto* error = dynamic_cast<const Error*>(other);
+  return error && error->code_ == code_ && error->domain_ == domain_ &&
+         error->userInfo_->isEqual(userInfo_.get());
+}
+
+std::size_t Error::hash() const { return std::hash<std::string>()(domain_) ^ static_cast<std::size_t>(code_); }
+
+std::string Error::description() const {
+  std::string text = fmt::format("Error Domain={} Code={}", domain_, code_);
+  if (userInfo_->objectForKey(NSLocalizedDescriptionKey))
+    text += fmt::format(" \"{}\"", localizedDescription());
+  if (userInfo_->count()) text += " UserInfo=" + userInfo_->description();
+  return text;
+}
+
+Id Error::copy() const { return std::const_pointer_cast<Object>(self()); }
+
+void Error::encodeWithCoder(Coder& coder) const {
+  coder.encodeInt64_forKey(code_, "NSCode");
+  coder.encodeObject_forKey(String::string(domain_), "NSDomain");
+  if (userInfo_->count()) coder.encodeObject_forKey(userInfo_, "NSUserInfo");
+}
+
+void Error::initWithCoder(Coder& coder) {
+  code_ = coder.decodeInt64ForKey("NSCode");
+  if (auto domain = String::dynamicCastObject(
+          coder.decodeObjectOfClasses_forKey(coder.allowedClasses(), "NSDomain")))
+    domain_ = domain->utf8();
+  if (auto info = Dictionary::dynamicCastObject(
+          coder.decodeObjectOfClasses_forKey(coder.allowedClasses(), "NSUserInfo")))
+    userInfo_ = std::static_pointer_cast<Dictionary>(info->copy());
+}
+
+}  // namespace fennick
