@@ -1,0 +1,37 @@
+// General object operations: nil-safe equality and grouped change
+// notifications for several keys.
+#include "fennick/Runtime/Array.h"
+#include "fennick/Runtime/Object.h"
+
+namespace fennick {
+
+bool Object::isEqualObject_toObject(const Object* a, const Object* b) {
+  if (a == b) return true;
+  if (!a || !b) return false;
+  return a->isEqual(b);
+}
+
+bool Object::isEqualObject_toObject(const Id& a, const Id& b) {
+  return isEqualObject_toObject(a.get(), b.get());
+}
+
+void Object::willChangeValuesForKeys(const Ref<Array>& keys) {
+  if (!keys) return;
+  keys->enumerateObjectsUsingBlock(
+      [this](const Id& key, std::size_t, bool&) { willChangeValueForKey(key->description()); });
+}
+
+void Object::didChangeValuesForKeys(const Ref<Array>& keys) {
+  if (!keys) return;
+  // Last to first, so that each did closes the most recent will.
+  keys->enumerateObjectsReverseUsingBlock(
+      [this](const Id& key, std::size_t, bool&) { didChangeValueForKey(key->description()); });
+}
+
+void Object::changeValuesForKeys_withBlock(const Ref<Array>& keys, const std::function<void()>& block) {
+  willChangeValuesForKeys(keys);
+  if (block) block();
+  didChangeValuesForKeys(keys);
+}
+
+}  // namespace fennick
