@@ -161,7 +161,7 @@ class ClassBuilder {
       T& self = static_cast<T&>(receiver);
       return [&]<std::size_t... I>(std::index_sequence<I...>) {
         return detail::invokeBoxed<R>(
-            [&]() -> R { return callable(self, unbox<A>(arguments[I])...); });
+            [&]() -> R { return callable(self, unbox<detail::Bare<A>>(arguments[I])...); });
       }(std::index_sequence_for<A...>{});
     };
     cls_.methods_[selector] = std::move(method);

@@ -68,6 +68,7 @@ inline constexpr const char* NSKeyValueChangeNotificationIsPriorKey = "notificat
 #define FENNICK_DECLARE_CLASS(T, Super)                                            \
  public:                                                                           \
   using Superclass = Super;                                                        \
+  using Super::isEqual;                                                            \
   static const ::fennick::Class* staticClass();                                    \
   const ::fennick::Class* objectClass() const override { return T::staticClass(); } \
   static void describeClass(::fennick::ClassBuilder<T>& builder);                  \
