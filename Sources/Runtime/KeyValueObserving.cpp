@@ -21,6 +21,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
 
 namespace fennick {
 namespace detail {
@@ -34,7 +35,16 @@ struct PathNode {
   std::string rest;  // components after `key`, empty at the end of the path
   std::vector<Ref<PathNode>> dependencies;
   Ref<PathNode> next;
-  bool attached = false;  // guarded by the owner's mutex
+  // Written under the owner's mutex; read without it on the change path.
+  std::atomic<bool> attached{false};
+
+  // Whether a change reaching this node can replace objects further down the
+  // chain (so that the chain must be re-linked under the owner's mutex).
+  bool mayRelink() const {
+    for (const PathNode* link = this; link; link = link->parent)
+      if (!link->rest.empty()) return true;
+    return false;
+  }
 };
 
 struct Observation : std::enable_shared_from_this<Observation> {
@@ -45,15 +55,12 @@ struct Observation : std::enable_shared_from_this<Observation> {
   std::uint64_t options = 0;
   void* context = nullptr;
 
-  std::mutex mutex;  // guards the node tree and `active`
-  bool active = true;
+  std::mutex mutex;  // guards the node tree
+  std::atomic<bool> active{true};
   Ref<PathNode> root;
 
   bool wants(std::uint64_t option) const { return (options & option) != 0; }
-  bool isActive() {
-    std::lock_guard lock(mutex);
-    return active;
-  }
+  bool isActive() const { return active.load(std::memory_order_acquire); }
   void deliver(const Id& object, const Ref<Dictionary>& change);
   void detach();
 };
@@ -167,31 +174,43 @@ void relinkAfterChange(PathNode& node, const Ref<Observation>& owner) {
 
 // -- Pending changes, per thread ------------------------------------------------
 
+// Old values read at will-change time, one per trigger. The common case of a
+// single trigger needs no allocation.
+class OldValues {
+ public:
+  void push(Id value) {
+    if (count_++ == 0) first_ = std::move(value);
+    else rest_.push_back(std::move(value));
+  }
+  const Id& operator[](std::size_t i) const { return i == 0 ? first_ : rest_[i - 1]; }
+  std::size_t size() const { return count_; }
+
+ private:
+  std::size_t count_ = 0;
+  Id first_;
+  std::vector<Id> rest_;
+};
+
 struct PendingChange {
   const Object* object;
   std::string key;
   Ref<const TriggerList> triggers;
-  std::size_t firstValue;  // this change's old values in PendingStack::values
+  OldValues oldValues;
 };
 
 struct PendingStack {
   std::vector<PendingChange> changes;
-  std::vector<Id> values;  // old value per trigger, nil where not wanted
 
-  PendingChange take(const Object* object, std::string_view key, std::vector<Id>& oldValues) {
+  // The most recent pending change of this object's key; an empty one when a
+  // did comes without its will.
+  PendingChange take(const Object* object, std::string_view key) {
     for (std::size_t i = changes.size(); i-- > 0;) {
       if (changes[i].object != object || changes[i].key != key) continue;
       PendingChange change = std::move(changes[i]);
-      const std::size_t end = i + 1 < changes.size() ? changes[i + 1].firstValue : values.size();
-      const auto first = values.begin() + static_cast<std::ptrdiff_t>(change.firstValue);
-      const auto last = values.begin() + static_cast<std::ptrdiff_t>(end);
-      oldValues.assign(std::make_move_iterator(first), std::make_move_iterator(last));
-      values.erase(first, last);
       changes.erase(changes.begin() + static_cast<std::ptrdiff_t>(i));
-      for (std::size_t j = i; j < changes.size(); ++j) changes[j].firstValue -= oldValues.size();
       return change;
     }
-    return PendingChange{object, std::string(key), nullptr, 0};
+    return PendingChange{object, std::string(key), nullptr, {}};
   }
 };
 
@@ -347,8 +366,7 @@ void Object::willChangeValueForKey(std::string_view key) {
   if (!table) return;
   Ref<const detail::TriggerList> triggers = table->triggersForKey(key);
   if (!triggers) return;
-  detail::PendingStack& stack = detail::pendingStack();
-  const std::size_t firstValue = stack.values.size();
+  detail::OldValues oldValues;
   for (const Ref<PathNode>& node : *triggers) {
     Ref<Observation> owner = node->owner.lock();
     Id observed = owner ? owner->observed.lock() : nullptr;
@@ -361,29 +379,30 @@ void Object::willChangeValueForKey(std::string_view key) {
       if (oldValue) change->setObject_forKey(oldValue, detail::oldKey());
       owner->deliver(observed, change);
     }
-    stack.values.push_back(std::move(oldValue));
+    oldValues.push(std::move(oldValue));
   }
-  stack.changes.push_back(detail::PendingChange{this, std::string(key), std::move(triggers), firstValue});
+  detail::pendingStack().changes.push_back(
+      detail::PendingChange{this, std::string(key), std::move(triggers), std::move(oldValues)});
 }
 
 void Object::didChangeValueForKey(std::string_view key) {
   detail::SideTable* table = sideTable();
   if (!table) return;
-  thread_local std::vector<Id> oldValues;
-  detail::PendingChange pending = detail::pendingStack().take(this, key, oldValues);
+  detail::PendingChange pending = detail::pendingStack().take(this, key);
   // A did without a will still notifies, without old values.
   if (!pending.triggers) pending.triggers = table->triggersForKey(key);
   if (!pending.triggers) return;
-  const std::vector<Id> olds = std::move(oldValues);
-  oldValues.clear();
+  const detail::OldValues& olds = pending.oldValues;
   for (std::size_t i = 0; i < pending.triggers->size(); ++i) {
     const Ref<PathNode>& node = (*pending.triggers)[i];
     Ref<Observation> owner = node->owner.lock();
     if (!owner) continue;
-    {
+    if (node->mayRelink()) {
       std::lock_guard lock(owner->mutex);
-      if (!owner->active || !node->attached) continue;
+      if (!owner->isActive() || !node->attached) continue;
       detail::relinkAfterChange(*node, owner);
+    } else if (!owner->isActive() || !node->attached.load(std::memory_order_acquire)) {
+      continue;
     }
     Id observed = owner->observed.lock();
     if (!observed) continue;
