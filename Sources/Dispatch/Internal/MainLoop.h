@@ -1,0 +1,36 @@
+#pragma once
+// The hidden root of the main queue: its items run on the process's main
+// thread, inside dispatch::main() or runMainQueueUntil().
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+#include "fennick/Dispatch/Internal/MpscQueue.h"
+#include "fennick/Dispatch/Internal/WorkItem.h"
+#include "fennick/Dispatch/Queue.h"
+
+namespace fennick::dispatch::internal {
+
+class MainLoop final : public Queue {
+ public:
+  MainLoop();
+
+  /// The one loop (immortal) and the main queue that drains on it.
+  static MainLoop& shared();
+  static const Ref<Queue>& mainQueue();
+
+  /// Main thread: runs one waiting item; false when none is waiting.
+  bool runOne() noexcept;
+  /// Main thread: sleeps until an item arrives or `timeout` passes.
+  void waitForWork(std::chrono::nanoseconds timeout) noexcept;
+
+ protected:
+  void enqueue(WorkItem* item, bool wake) override;
+
+ private:
+  MpscQueue<WorkItem> items_;
+  std::atomic<std::int64_t> size_{0};
+  std::atomic<std::uint32_t> signal_{0};
+};
+
+}  // namespace fennick::dispatch::internal

@@ -1,0 +1,92 @@
+#include "fennick/Dispatch/Internal/SerialQueue.h"
+
+#include <thread>
+
+#include "fennick/Dispatch/Internal/Futex.h"
+#include "fennick/Dispatch/Internal/QueueAccess.h"
+#include "fennick/Dispatch/Internal/SyncRequest.h"
+
+namespace fennick::dispatch::internal {
+
+SerialQueue::SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target)
+    : Queue(std::move(label), qos, Kind::Serial, std::move(target)) {
+  drainItem_.kind = ItemKind::Drain;
+  drainItem_.context = this;
+}
+
+SerialQueue::~SerialQueue() = default;
+
+void SerialQueue::enqueue(WorkItem* item, bool wake) {
+  items_.push(item);
+  if (pending_.fetch_add(1, std::memory_order_acq_rel) == 0) schedule(wake);
+}
+
+void SerialQueue::schedule(bool wake) {
+  keepAlive_ = shared_from_this();
+  QueueAccess::enqueue(*targetPointer(), &drainItem_, wake);
+}
+
+void SerialQueue::drain() noexcept {
+  std::uint64_t retired = 0;
+  std::uint64_t known = pending_.load(std::memory_order_acquire);
+  while (retired < kBatchLimit) {
+    if (retired == known) {
+      known = pending_.load(std::memory_order_acquire);
+      if (known == retired) break;
+    }
+    WorkItem* item = popReady();
+    ++retired;
+    if (item->kind == ItemKind::SyncWaiter) {
+      handOff(*static_cast<SyncRequest*>(item->context), retired);
+      return;
+    }
+    runItem(item, this);
+  }
+  finishBatch(retired);
+}
+
+void SerialQueue::finishBatch(std::uint64_t retired) noexcept {
+  Ref<Queue> self = std::move(keepAlive_);
+  if (pending_.fetch_sub(retired, std::memory_order_acq_rel) == retired) return;
+  // Work is left: go to the back of the target so that its other queues get a
+  // turn. The thread running us continues with the target, so nobody is woken.
+  keepAlive_ = std::move(self);
+  QueueAccess::enqueue(*targetPointer(), &drainItem_, false);
+}
+
+void SerialQueue::handOff(SyncRequest& request, std::uint64_t retired) noexcept {
+  // The waiter's own item stays counted: it stands for the new owner.
+  if (retired > 1) pending_.fetch_sub(retired - 1, std::memory_order_acq_rel);
+  Ref<Queue> self = std::move(keepAlive_);
+  request.waiter.signal();
+}
+
+WorkItem* SerialQueue::popReady() noexcept {
+  // The item is counted, so it is in the list or about to be linked.
+  for (unsigned spins = 0;; ++spins) {
+    if (WorkItem* item = items_.pop()) return item;
+    if (spins < 128) {
+      cpuRelax();
+    } else {
+      std::this_thread::yield();
+    }
+  }
+}
+
+bool SerialQueue::tryAcquire() noexcept {
+  std::uint64_t idle = 0;
+  return pending_.compare_exchange_strong(idle, 1, std::memory_order_acquire,
+                                          std::memory_order_relaxed);
+}
+
+void SerialQueue::acquire(SyncRequest& request) noexcept {
+  request.waiter.reset();
+  enqueue(&request.item, true);
+  request.waiter.wait();
+}
+
+void SerialQueue::release() noexcept {
+  if (pending_.fetch_sub(1, std::memory_order_acq_rel) != 1) schedule(true);
+}
+
+}  // namespace fennick::dispatch::internal

@@ -1,0 +1,55 @@
+#pragma once
+// A queue that runs one item at a time, in order.
+//
+// Ownership protocol: `pending_` counts the items pushed and not yet retired,
+// plus one for a sync caller that took the queue while it was idle. Whoever
+// moves it from zero owns the queue: it either runs the work inline (sync) or
+// schedules the queue's drain on the target. The owner alone pops items. A
+// drain that meets a waiting sync caller hands ownership to it and stops; the
+// caller schedules the drain again when it is done, if work is left.
+#include <atomic>
+#include <cstdint>
+
+#include "fennick/Dispatch/Internal/MpscQueue.h"
+#include "fennick/Dispatch/Internal/WorkItem.h"
+#include "fennick/Dispatch/Queue.h"
+
+namespace fennick::dispatch::internal {
+
+struct SyncRequest;
+
+class SerialQueue final : public Queue {
+ public:
+  SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target);
+  ~SerialQueue() override;
+
+  /// Runs one batch. Called by the target's runner, with this queue current.
+  void drain() noexcept;
+
+  /// Sync: takes the queue if it is idle.
+  bool tryAcquire() noexcept;
+  /// Sync: waits in line until a drain hands the queue over.
+  void acquire(SyncRequest& request) noexcept;
+  /// Sync: gives the queue back, scheduling a drain if work arrived meanwhile.
+  void release() noexcept;
+
+  /// Items a drain runs before it lets other queues of its target go first.
+  static constexpr std::uint64_t kBatchLimit = 128;
+
+ protected:
+  void enqueue(WorkItem* item, bool wake) override;
+
+ private:
+  void schedule(bool wake);
+  void finishBatch(std::uint64_t retired) noexcept;
+  void handOff(SyncRequest& request, std::uint64_t retired) noexcept;
+  WorkItem* popReady() noexcept;
+
+  MpscQueue<WorkItem> items_;
+  alignas(64) std::atomic<std::uint64_t> pending_{0};
+  // Keeps the queue alive while its drain is scheduled; only the owner touches it.
+  Ref<Queue> keepAlive_;
+  WorkItem drainItem_;
+};
+
+}  // namespace fennick::dispatch::internal

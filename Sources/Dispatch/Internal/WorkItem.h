@@ -1,0 +1,39 @@
+#pragma once
+// The node that carries work through queues. Items of asynchronous blocks come
+// from a per-thread cache and are recycled after they run; sync callers and
+// serial queues keep their items inside themselves, so they never allocate.
+#include <atomic>
+#include <cstdint>
+
+#include "fennick/Dispatch/Block.h"
+#include "fennick/Dispatch/Ref.h"
+
+namespace fennick::dispatch {
+class Queue;
+}
+
+namespace fennick::dispatch::internal {
+
+enum class ItemKind : std::uint8_t {
+  Block,        // run `block`
+  Drain,        // drain the serial queue in `context`, which targets the running queue
+  SyncWaiter,   // a sync caller (context: SyncRequest*) waiting to own a serial queue
+  SyncExecute,  // run a sync caller's function here (context: SyncRequest*), then wake it
+};
+
+struct WorkItem {
+  std::atomic<WorkItem*> next{nullptr};
+  ItemKind kind = ItemKind::Block;
+  void* context = nullptr;
+  // Set when a concurrent queue forwards the item to its target: the queues from
+  // `origin` up to the running one are current while the item runs.
+  Ref<Queue> origin;
+  Block block;
+
+  /// An empty Block item.
+  static WorkItem* allocate();
+  /// Returns an item whose block and origin are empty to the cache.
+  static void recycle(WorkItem* item) noexcept;
+};
+
+}  // namespace fennick::dispatch::internal

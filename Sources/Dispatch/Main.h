@@ -1,0 +1,31 @@
+#pragma once
+// The main queue: a serial queue whose work runs on the process's main thread.
+#include <chrono>
+#include <functional>
+
+#include "fennick/Dispatch/Queue.h"
+
+namespace fennick::dispatch {
+
+/// The main queue (the same object every time). Its blocks run on the main
+/// thread, in order, while that thread is inside main() or runMainQueueUntil().
+/// The main thread holds the main queue, so a sync onto it from the main thread
+/// aborts like any other sync onto a queue the caller holds; from other threads
+/// a sync onto it runs the function on the main thread.
+Ref<Queue> mainQueue();
+
+/// True on the process's main thread (the thread whose id is the process id).
+bool isMainThread() noexcept;
+
+/// Serves the main queue forever. Programs call it at the end of their own
+/// main function, on the main thread (elsewhere it aborts); the process ends
+/// through exit() from a block.
+[[noreturn]] void main();
+
+/// Runs main-queue blocks on the main thread until `done()` returns true or
+/// `timeout` has passed, and returns done(). For tests and tools that need the
+/// main queue for a bounded time. Aborts when called off the main thread or
+/// from a block of the main queue.
+bool runMainQueueUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
+
+}  // namespace fennick::dispatch

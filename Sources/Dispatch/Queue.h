@@ -1,0 +1,173 @@
+#pragma once
+// Dispatch queues: the serialisation and concurrency primitive of Fennick.
+//
+// A queue runs blocks submitted to it. A serial queue runs one block at a
+// time, in submission order; a concurrent queue may run many at once. Every
+// queue drains on a target: by default the global queue of its quality of
+// service, which runs on Fennick's one shared worker pool (about as many
+// running threads as cores, more while workers block, idle threads retire).
+// A serial queue that targets another serial queue never runs at the same time
+// as it or as the target's other work. No queue owns a thread.
+//
+// Queues are always held through Ref<Queue>. Dropping the last reference is
+// safe at any time: work already submitted keeps the queue alive until it ran.
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "fennick/Dispatch/Block.h"
+#include "fennick/Dispatch/QoS.h"
+#include "fennick/Dispatch/Ref.h"
+
+namespace fennick::dispatch {
+
+namespace internal {
+struct WorkItem;
+struct QueueAccess;
+}  // namespace internal
+
+class Queue : public std::enable_shared_from_this<Queue> {
+ public:
+  /// A new serial queue. `qos` must be one of the QOS_CLASS_ values (any other
+  /// value is taken as unspecified). Without a target the queue drains on
+  /// global(qos).
+  static Ref<Queue> createSerial(std::string label, qos_class_t qos = QOS_CLASS_UNSPECIFIED,
+                                 Ref<Queue> target = nullptr);
+  /// A new concurrent queue: blocks may run in parallel, each on the target.
+  static Ref<Queue> createConcurrent(std::string label, qos_class_t qos = QOS_CLASS_UNSPECIFIED,
+                                     Ref<Queue> target = nullptr);
+
+  virtual ~Queue();
+  Queue(const Queue&) = delete;
+  Queue& operator=(const Queue&) = delete;
+
+  const std::string& label() const noexcept { return label_; }
+  qos_class_t qos() const noexcept { return qos_; }
+  bool isSerial() const noexcept { return kind_ == Kind::Serial; }
+
+  /// Submits `block` to run later on this queue and returns at once. Blocks
+  /// must not throw: an exception leaving a block ends the process.
+  void async(Block block);
+
+  /// Runs `f` on the calling thread once this queue (and every serial queue on
+  /// its target chain) has finished the work submitted before, exclusively with
+  /// that work, and returns f's result (exceptions propagate to the caller).
+  /// No worker thread is needed, so blocking sync calls from workers cannot
+  /// starve the pool. A sync onto a queue that the calling thread already holds,
+  /// directly or through the target chain, would wait forever: it aborts the
+  /// process with a message naming the queue. A sync onto the main queue, or a
+  /// queue draining on it, runs f on the main thread.
+  template <class F>
+  decltype(auto) sync(F&& f);
+
+  /// Changes where this queue drains; nullptr means global(qos()). Work already
+  /// handed to the old target finishes there; later batches use the new one.
+  /// Aborts on a cycle or when called on a global queue or the main queue.
+  void setTarget(Ref<Queue> target);
+  /// The target queue; nullptr for global queues and the main queue.
+  Ref<Queue> target() const;
+
+  /// Associates `value` with `key` on this queue; `destructor` (if any) is
+  /// called with the value when it is replaced or when the queue goes away.
+  /// A null value removes the key.
+  void setSpecific(const void* key, void* value, void (*destructor)(void*) = nullptr);
+  /// The value for `key` on this queue only, or nullptr.
+  void* getSpecific(const void* key) const;
+  /// The value for `key` on the current queue, or failing that on the nearest
+  /// queue of its target chain that has one; nullptr if none has.
+  static void* getSpecificCurrent(const void* key);
+
+  /// The queue whose work is running on this thread: the innermost one when
+  /// queues are nested (a block of a serial queue draining on another). On the
+  /// main thread outside any block this is the main queue; elsewhere nullptr.
+  static Ref<Queue> current();
+  /// True when this thread holds the queue: it runs a block of it or of a queue
+  /// targeting it, or a sync onto such a queue. The main queue is held by the
+  /// main thread.
+  bool isCurrent() const;
+
+ protected:
+  enum class Kind : std::uint8_t {
+    Serial,      // one block at a time
+    Concurrent,  // forwards each block to its target
+    Global,      // a root, served by the worker pool
+    MainLoop,    // the root of the main queue, served by the main thread
+  };
+
+  Queue(std::string label, qos_class_t qos, Kind kind, Ref<Queue> target);
+
+  /// Takes ownership of `item` (or runs it in place) on behalf of this queue;
+  /// `wake` asks for a thread to be woken if the queue needs one.
+  virtual void enqueue(internal::WorkItem* item, bool wake) = 0;
+
+  Kind kind() const noexcept { return kind_; }
+  /// Raw target, valid while this queue lives (former targets are kept).
+  Queue* targetPointer() const noexcept { return targetPointer_.load(std::memory_order_acquire); }
+
+ private:
+  friend struct internal::QueueAccess;
+
+  struct Specific {
+    const void* key;
+    void* value;
+    void (*destructor)(void*);
+  };
+
+  void syncInvoke(void (*function)(void*), void* context);
+
+  const std::string label_;
+  const qos_class_t qos_;
+  const Kind kind_;
+  std::atomic<Queue*> targetPointer_;
+  mutable std::mutex mutex_;           // guards the members below
+  Ref<Queue> target_;
+  std::vector<Ref<Queue>> formerTargets_;
+  std::vector<Specific> specifics_;
+};
+
+/// The global concurrent queue of a quality-of-service class (unspecified
+/// means default): the same object every time. nullptr for other values.
+Ref<Queue> global(qos_class_t qos = QOS_CLASS_DEFAULT);
+
+template <class F>
+decltype(auto) Queue::sync(F&& f) {
+  using Function = std::remove_reference_t<F>;
+  using Result = std::invoke_result_t<Function&>;
+  if constexpr (std::is_void_v<Result>) {
+    syncInvoke([](void* context) { std::invoke(*static_cast<Function*>(context)); },
+               const_cast<void*>(static_cast<const void*>(std::addressof(f))));
+  } else if constexpr (std::is_reference_v<Result>) {
+    struct Call {
+      Function& function;
+      std::remove_reference_t<Result>* result;
+    } call{f, nullptr};
+    syncInvoke(
+        [](void* context) {
+          auto& c = *static_cast<Call*>(context);
+          c.result = std::addressof(std::invoke(c.function));
+        },
+        &call);
+    return static_cast<Result>(*call.result);
+  } else {
+    struct Call {
+      Function& function;
+      std::optional<Result> result;
+    } call{f, std::nullopt};
+    syncInvoke(
+        [](void* context) {
+          auto& c = *static_cast<Call*>(context);
+          c.result.emplace(std::invoke(c.function));
+        },
+        &call);
+    return Result(std::move(*call.result));
+  }
+}
+
+}  // namespace fennick::dispatch

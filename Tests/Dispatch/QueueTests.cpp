@@ -1,0 +1,233 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+#include "fennick/Dispatch/Group.h"
+#include "fennick/Dispatch/Main.h"
+#include "fennick/Dispatch/Queue.h"
+
+using namespace fennick;
+using namespace fennick::dispatch;
+using fennick::dispatch::testing::eventually;
+
+TEST(Queue, SerialQueueRunsBlocksInOrderAndSyncWaitsForThem) {
+  auto queue = Queue::createSerial("order");
+  std::vector<int> seen;
+  for (int i = 0; i < 1000; ++i) queue->async([&seen, i] { seen.push_back(i); });
+  const std::size_t countAtSync = queue->sync([&seen] { return seen.size(); });
+  ASSERT_EQ(countAtSync, 1000u);
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[i], i);
+}
+
+TEST(Queue, SyncRunsOnTheCallingThreadAndPassesResultsAndExceptions) {
+  auto queue = Queue::createSerial("sync");
+  const auto caller = std::this_thread::get_id();
+  EXPECT_EQ(queue->sync([] { return std::this_thread::get_id(); }), caller);
+  int value = 1;
+  int& reference = queue->sync([&value]() -> int& { return value; });
+  EXPECT_EQ(&reference, &value);
+  EXPECT_THROW(queue->sync([]() -> int { throw std::runtime_error("boom"); }), std::runtime_error);
+  EXPECT_EQ(queue->sync([] { return 7; }), 7) << "the queue is released after an exception";
+}
+
+TEST(Queue, GlobalQueuesAreSharedPerClass) {
+  EXPECT_EQ(global(QOS_CLASS_UTILITY), global(QOS_CLASS_UTILITY));
+  EXPECT_EQ(global(QOS_CLASS_UNSPECIFIED), global(QOS_CLASS_DEFAULT));
+  EXPECT_NE(global(QOS_CLASS_UTILITY), global(QOS_CLASS_BACKGROUND));
+  EXPECT_EQ(global(5), nullptr);
+  EXPECT_FALSE(global(QOS_CLASS_UTILITY)->isSerial());
+  EXPECT_EQ(global(QOS_CLASS_UTILITY)->target(), nullptr);
+  auto queue = Queue::createSerial("utility", QOS_CLASS_UTILITY);
+  EXPECT_EQ(queue->target(), global(QOS_CLASS_UTILITY));
+  EXPECT_EQ(Queue::createSerial("odd", 77)->qos(), QOS_CLASS_UNSPECIFIED);
+}
+
+TEST(Queue, ConcurrentQueueRunsBlocksInParallel) {
+  auto queue = Queue::createConcurrent("parallel");
+  std::atomic<int> arrived{0};
+  std::atomic<int> metEachOther{0};
+  for (int i = 0; i < 2; ++i) {
+    queue->async([&] {
+      arrived.fetch_add(1);
+      if (eventually([&] { return arrived.load() == 2; })) metEachOther.fetch_add(1);
+    });
+  }
+  EXPECT_TRUE(eventually([&] { return metEachOther.load() == 2; }));
+}
+
+TEST(Queue, PendingWorkKeepsAReleasedQueueAlive) {
+  std::atomic<int> ran{0};
+  WeakRef<Queue> weak;
+  {
+    auto parent = Queue::createSerial("parent");
+    auto queue = Queue::createSerial("released", QOS_CLASS_UNSPECIFIED, parent);
+    weak = queue;
+    parent->async([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+    for (int i = 0; i < 100; ++i) queue->async([&ran] { ran.fetch_add(1); });
+  }
+  EXPECT_TRUE(eventually([&] { return ran.load() == 100 && weak.expired(); }));
+}
+
+TEST(Queue, CurrentQueueAndSpecificsFollowTheTargetChain) {
+  static const char key = 0;
+  static const char otherKey = 0;
+  int rootValue = 1;
+  int middleValue = 2;
+  auto root = Queue::createSerial("root");
+  auto middle = Queue::createConcurrent("middle", QOS_CLASS_UNSPECIFIED, root);
+  auto leaf = Queue::createSerial("leaf", QOS_CLASS_UNSPECIFIED, middle);
+  auto unrelated = Queue::createSerial("unrelated");
+  root->setSpecific(&key, &rootValue);
+
+  const auto check = [&](void* expected) {
+    EXPECT_EQ(Queue::current(), leaf);
+    EXPECT_TRUE(leaf->isCurrent());
+    EXPECT_TRUE(middle->isCurrent());
+    EXPECT_TRUE(root->isCurrent());
+    EXPECT_FALSE(unrelated->isCurrent());
+    EXPECT_EQ(Queue::getSpecificCurrent(&key), expected);
+    EXPECT_EQ(Queue::getSpecificCurrent(&otherKey), nullptr);
+  };
+  leaf->sync([&] { check(&rootValue); });
+  middle->setSpecific(&key, &middleValue);
+  leaf->sync([&] { check(&middleValue); });
+  auto done = Group::create();
+  done->async(leaf, [&] { check(&middleValue); });
+  EXPECT_TRUE(done->wait(Time::after(std::chrono::seconds(20))));
+  EXPECT_EQ(leaf->getSpecific(&key), nullptr);
+  EXPECT_EQ(middle->getSpecific(&key), &middleValue);
+
+  std::thread([&] {
+    EXPECT_EQ(Queue::current(), nullptr);
+    EXPECT_FALSE(root->isCurrent());
+  }).join();
+}
+
+TEST(Queue, SpecificDestructorsRunOnReplacementAndRelease) {
+  static const char key = 0;
+  static std::vector<int> destroyed;
+  destroyed.clear();
+  auto destroy = [](void* value) { destroyed.push_back(*static_cast<int*>(value)); };
+  int first = 1, second = 2;
+  auto queue = Queue::createSerial("specifics");
+  queue->setSpecific(&key, &first, destroy);
+  queue->setSpecific(&key, &second, destroy);
+  EXPECT_EQ(destroyed, std::vector<int>{1});
+  EXPECT_EQ(queue->getSpecific(&key), &second);
+  queue.reset();
+  EXPECT_EQ(destroyed, (std::vector<int>{1, 2}));
+}
+
+TEST(Queue, SetTargetMovesLaterWork) {
+  auto first = Queue::createSerial("first");
+  auto second = Queue::createSerial("second");
+  auto queue = Queue::createSerial("moving", QOS_CLASS_UNSPECIFIED, first);
+  queue->setTarget(second);
+  EXPECT_EQ(queue->target(), second);
+  EXPECT_TRUE(queue->sync([&] { return second->isCurrent() && !first->isCurrent(); }));
+  auto done = Group::create();
+  std::atomic<bool> onSecond{false};
+  done->async(queue, [&] { onSecond = second->isCurrent(); });
+  EXPECT_TRUE(done->wait(Time::FOREVER));
+  EXPECT_TRUE(onSecond);
+  queue->setTarget(nullptr);
+  EXPECT_EQ(queue->target(), global(QOS_CLASS_UNSPECIFIED));
+}
+
+// Eight threads submit numbered blocks, async and sync, to serial queues that
+// all drain on one root through a chain. Nothing may run at the same time and
+// each thread's blocks must run in its submission order, per queue.
+TEST(Queue, MixedAsyncAndSyncAcrossATargetChainStayExclusiveAndOrdered) {
+  constexpr int kThreads = 8;
+  constexpr int kOperations = 1500;
+  auto root = Queue::createSerial("stress.root");
+  auto left = Queue::createSerial("stress.left", QOS_CLASS_UNSPECIFIED, root);
+  auto right = Queue::createSerial("stress.right", QOS_CLASS_UTILITY, root);
+  auto leftLeaf = Queue::createSerial("stress.leaf", QOS_CLASS_UNSPECIFIED, left);
+  auto fanOut = Queue::createConcurrent("stress.fan-out", QOS_CLASS_UNSPECIFIED, root);
+  const std::vector<Ref<Queue>> queues{root, left, right, leftLeaf, fanOut};
+
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  std::atomic<int> executed{0};
+  // Touched only inside the blocks: their exclusion is what protects them.
+  std::vector<std::vector<int>> lastSeen(kThreads, std::vector<int>(queues.size(), -1));
+  int outOfOrder = 0;
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      std::mt19937 random(static_cast<unsigned>(t));
+      for (int op = 0; op < kOperations; ++op) {
+        const std::size_t q = random() % queues.size();
+        auto block = [&, t, q, op] {
+          if (inside.fetch_add(1) != 0) overlaps.fetch_add(1);
+          if (lastSeen[t][q] >= op) ++outOfOrder;
+          lastSeen[t][q] = op;
+          executed.fetch_add(1);
+          inside.fetch_sub(1);
+        };
+        if (random() % 4 == 0) {
+          queues[q]->sync(block);
+        } else {
+          queues[q]->async(block);
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (const auto& queue : {leftLeaf, left, right, root}) queue->sync([] {});
+  EXPECT_EQ(executed.load(), kThreads * kOperations);
+  EXPECT_EQ(overlaps.load(), 0);
+  EXPECT_EQ(root->sync([&] { return outOfOrder; }), 0);
+}
+
+// Every worker that blocks in sync must let the pool start another one, or the
+// block that unblocks them would never get a thread.
+TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {
+  constexpr int kCallers = 64;
+  auto busy = Queue::createSerial("busy");
+  std::atomic<int> waiting{0};
+  std::atomic<int> completed{0};
+  busy->async([&] { eventually([&] { return waiting.load() == kCallers; }); });
+  auto pool = global(QOS_CLASS_DEFAULT);
+  for (int i = 0; i < kCallers; ++i) {
+    pool->async([&] {
+      waiting.fetch_add(1);
+      busy->sync([&] { completed.fetch_add(1); });
+    });
+  }
+  EXPECT_TRUE(eventually([&] { return completed.load() == kCallers; }));
+}
+
+class QueueDeathTest : public ::testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(QueueDeathTest, SyncOntoAHeldQueueAbortsNamingIt) {
+  auto queue = Queue::createSerial("com.example.held");
+  EXPECT_DEATH(queue->sync([&] { queue->sync([] {}); }), "com.example.held");
+  auto parent = Queue::createSerial("com.example.parent");
+  auto child = Queue::createSerial("com.example.child", QOS_CLASS_UNSPECIFIED, parent);
+  EXPECT_DEATH(parent->sync([&] { child->sync([] {}); }), "com.example.child.*com.example.parent");
+  EXPECT_DEATH(
+      {
+        queue->async([&] { queue->sync([] {}); });
+        std::this_thread::sleep_for(std::chrono::seconds(10));
+      },
+      "com.example.held");
+}
+
+TEST_F(QueueDeathTest, TargetCyclesAndEmptyBlocksAbort) {
+  auto first = Queue::createSerial("com.example.first");
+  auto second = Queue::createSerial("com.example.second", QOS_CLASS_UNSPECIFIED, first);
+  EXPECT_DEATH(first->setTarget(second), "cycle.*com.example.first");
+  EXPECT_DEATH(first->async(Block()), "empty block.*com.example.first");
+  EXPECT_DEATH(global(QOS_CLASS_DEFAULT)->setTarget(first), "cannot change the target");
+}
