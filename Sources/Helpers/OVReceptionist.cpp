@@ -1,0 +1,151 @@
+#include "fennick/Helpers/OVReceptionist.h"
+
+#include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Helpers/OVObjectHolder.h"
+#include "fennick/Runtime/ClassBuilder.h"
+
+namespace fennick {
+
+FENNICK_DEFINE_CLASS(OVReceptionist) {}
+
+OVReceptionist::OVReceptionist()
+    : handlingInfosByHolder_(Dictionary::dictionary()),
+      lock_(std::make_shared<std::recursive_mutex>()) {}
+
+Ref<OVReceptionist> OVReceptionist::init() { return make<OVReceptionist>(); }
+
+Ref<OVReceptionist> OVReceptionist::initWithInternalQueue(const Ref<dispatch::Queue>& queue) {
+  auto receptionist = make<OVReceptionist>();
+  receptionist->internalQueue_ = queue;
+  return receptionist;
+}
+
+Ref<OVReceptionist> OVReceptionist::initWithConcurrentQueue(const Ref<dispatch::Queue>& queue) {
+  auto receptionist = make<OVReceptionist>();
+  receptionist->internalQueue_ = OVBuildDispatchQueue(
+      fmt::format("{} internal queue", receptionist->description()), QOS_CLASS_UTILITY, queue, false);
+  receptionist->externalQueue_ = queue;
+  return receptionist;
+}
+
+OVReceptionist::~OVReceptionist() { stopAllObservations(); }
+
+std::string OVReceptionist::description() const {
+  return fmt::format("<OVReceptionist: {}>", static_cast<const void*>(this));
+}
+
+void OVReceptionist::performInternalOperationSync_block(bool sync, dispatch::Block block) {
+  if (!internalQueue_) block();
+  else if (sync) internalQueue_->sync([&] { block(); });
+  else internalQueue_->async(std::move(block));
+}
+
+void OVReceptionist::runRequest(const Ref<OVReceptionistSubscriptionRequest>& request) {
+  std::lock_guard lock(*lock_);
+  request->performForReceptionist(*this);
+}
+
+void OVReceptionist::startObservationOfObject_forKeyPath_changeBlock(const Id& object,
+                                                                     std::string_view keyPath,
+                                                                     ChangeBlock block) {
+  startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(object, keyPath, false,
+                                                                         std::move(block));
+}
+
+void OVReceptionist::startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(
+    const Id& object, std::string_view keyPath, bool wantsInitialInvocation, ChangeBlock block) {
+  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
+  performInternalOperationSync_block(
+      false, [self, object, path = String::string(keyPath), wantsInitialInvocation,
+              block = std::move(block)] {
+        auto request = OVReceptionistStartSubscriptionRequest::request();
+        request->setObjectsInfo(object);
+        request->setKeyPathesInfo(path);
+        if (wantsInitialInvocation)
+          request->setOptions(request->options() | NSKeyValueObservingOptionInitial);
+        request->setChangeBlock([block](const Ref<OVReceptionistChangeInfo>& change) {
+          const Ref<String>& changedPath = change->keyPath();
+          block(change->changedObject(), changedPath ? changedPath->utf8() : std::string(),
+                change->newValue(), change->oldValue());
+        });
+        self->runRequest(request);
+      });
+}
+
+void OVReceptionist::startObservationOfObject_forKeyPath_target_action(const Id& object,
+                                                                       std::string_view keyPath,
+                                                                       const Id& target,
+                                                                       Selector action) {
+  auto request = OVReceptionistStartSubscriptionRequest::request();
+  request->setObjectsInfo(object);
+  request->setKeyPathesInfo(String::string(keyPath));
+  request->setTarget(target);
+  request->setAction(action);
+  request->setOptions(request->options() | NSKeyValueObservingOptionInitial);
+  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
+  // The target stays alive until the request has been processed.
+  performInternalOperationSync_block(false, [self, request, target] { self->runRequest(request); });
+}
+
+void OVReceptionist::stopObservationOfObject_forKeyPath(const Id& object, std::string_view keyPath) {
+  auto request = OVReceptionistStopSubscriptionRequest::request();
+  request->setObjectsInfo(object);
+  request->setKeyPathesInfo(String::string(keyPath));
+  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
+  performInternalOperationSync_block(false, [self, request] { self->runRequest(request); });
+}
+
+void OVReceptionist::stopAllObservationOfObject(const Id& object) {
+  auto request = OVReceptionistStopSubscriptionRequest::request();
+  request->setObjectsInfo(object);
+  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
+  performInternalOperationSync_block(false, [self, request] { self->runRequest(request); });
+}
+
+void OVReceptionist::stopAllObservations() { runRequest(OVReceptionistStopSubscriptionRequest::request()); }
+
+void OVReceptionist::performRequest(const Ref<OVReceptionistSubscriptionRequest>& request) {
+  if (!request) return;
+  auto copy = std::static_pointer_cast<OVReceptionistSubscriptionRequest>(request->copy());
+  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
+  performInternalOperationSync_block(false, [self, copy] { self->runRequest(copy); });
+}
+
+void OVReceptionist::startObservationWithInfo_object(const Ref<OVReceptionistSubscriptionInfo>& info,
+                                                     const Id& object) {
+  // Subscriptions are per object: "every object" has nothing to register with.
+  if (!object || !info) return;
+  std::lock_guard lock(*lock_);
+  const Ref<OVObjectHolder>& holder = info->observedObjectHolder();
+  auto handling = OVReceptionistHandlingInfo::dynamicCastObject(handlingInfosByHolder_->objectForKey(holder));
+  if (!handling) {
+    handling = OVReceptionistHandlingInfo::initWithObjectHolder_externalQueue_internalQueue(
+        holder, externalQueue_, internalQueue_);
+    handling->lock_ = lock_;
+    handlingInfosByHolder_->setObject_forKey(handling, holder);
+  }
+  handling->startObservationWithInfo_holder(info, holder);
+}
+
+void OVReceptionist::stopObservationWithInfo_holder(const Ref<OVReceptionistSubscriptionInfo>& info,
+                                                    const Id& holder) {
+  auto handling = OVReceptionistHandlingInfo::dynamicCastObject(handlingInfosByHolder_->objectForKey(holder));
+  if (!handling) return;
+  handling->stopObservationWithInfo_holder(info, OVObjectHolder::dynamicCastObject(holder));
+  if (handling->isEmpty()) handlingInfosByHolder_->removeObjectOrDieForKey(holder);
+}
+
+void OVReceptionist::stopObservationWithInfo_object(const Ref<OVReceptionistSubscriptionInfo>& info,
+                                                    const Id& object) {
+  if (!info) return;
+  std::lock_guard lock(*lock_);
+  if (object) return stopObservationWithInfo_holder(info, info->observedObjectHolder());
+  // Every object: the same stop for each holder, matching that holder's records.
+  for (const Id& holder : handlingInfosByHolder_->allKeys()->toVector()) {
+    auto perObject = std::static_pointer_cast<OVReceptionistSubscriptionInfo>(info->copy());
+    perObject->setObservedObjectHolder(OVObjectHolder::dynamicCastObject(holder));
+    stopObservationWithInfo_holder(perObject, holder);
+  }
+}
+
+}  // namespace fennick

@@ -1,0 +1,89 @@
+#pragma once
+// The receptionist: the library's one way to observe properties of other
+// objects. One receptionist serves one owner; it keeps, per observed object, a
+// handling record registered once per key path with key-value observation,
+// and fans each change out to every subscription for that object and key
+// path, as callbacks or as method calls on a target.
+//
+// Queues: a receptionist made with init() does everything on the calling
+// thread, and delivers changes synchronously on the thread that made them.
+// With initWithInternalQueue: the bookkeeping runs on the owner's queue and
+// changes are delivered there. With initWithConcurrentQueue: the bookkeeping
+// runs on a private serial queue targeting the given queue, and changes are
+// delivered asynchronously on the given queue. Start and stop operations
+// return at once; they take effect in submission order. The synthetic first
+// call of a subscription that asks for one is made on the internal queue.
+#include "fennick/Dispatch/Queue.h"
+#include "fennick/Helpers/OVReceptionist+Advanced.h"
+#include "fennick/Runtime/Object.h"
+
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace fennick {
+
+class OVReceptionist : public Object {
+  FENNICK_DECLARE_CLASS(OVReceptionist, Object)
+
+ public:
+  /// Called with the changed object, the key path, the new and the old value
+  /// (nil where the change has none).
+  using ChangeBlock = std::function<void(const Id& object, const std::string& keyPath,
+                                         const Id& newValue, const Id& oldValue)>;
+
+  static Ref<OVReceptionist> init();
+  static Ref<OVReceptionist> initWithInternalQueue(const Ref<dispatch::Queue>& queue);
+  static Ref<OVReceptionist> initWithConcurrentQueue(const Ref<dispatch::Queue>& queue);
+  /// Removes every registration synchronously.
+  ~OVReceptionist() override;
+
+  const Ref<dispatch::Queue>& externalQueue() const { return externalQueue_; }
+  const Ref<dispatch::Queue>& internalQueue() const { return internalQueue_; }
+  /// Holder of each observed object -> its handling record. Read it on the
+  /// internal queue only.
+  const Ref<Dictionary>& handlingInfosByHolder() const { return handlingInfosByHolder_; }
+
+  void startObservationOfObject_forKeyPath_changeBlock(const Id& object, std::string_view keyPath,
+                                                       ChangeBlock block);
+  void startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(
+      const Id& object, std::string_view keyPath, bool wantsInitialInvocation, ChangeBlock block);
+  /// Calls `action` on `target` (not retained) with as many of changed object,
+  /// new value and old value as its selector takes; without an action, the
+  /// longest "didChange<Key>OfObject:newValue:oldValue:" form the target has.
+  /// Always makes one call at once with the current value.
+  void startObservationOfObject_forKeyPath_target_action(const Id& object, std::string_view keyPath,
+                                                         const Id& target, Selector action);
+  void stopObservationOfObject_forKeyPath(const Id& object, std::string_view keyPath);
+  void stopAllObservationOfObject(const Id& object);
+  /// Stops everything, at once, on the calling thread.
+  void stopAllObservations();
+  /// Runs a copy of the request asynchronously on the internal queue.
+  void performRequest(const Ref<OVReceptionistSubscriptionRequest>& request);
+  /// Runs the block inline without an internal queue, else on it, synchronously or not.
+  void performInternalOperationSync_block(bool sync, dispatch::Block block);
+
+  // Advanced: called by requests on the internal queue.
+  void startObservationWithInfo_object(const Ref<OVReceptionistSubscriptionInfo>& info, const Id& object);
+  void stopObservationWithInfo_object(const Ref<OVReceptionistSubscriptionInfo>& info, const Id& object);
+
+  std::string description() const override;
+
+ protected:
+  OVReceptionist();
+
+ private:
+  void stopObservationWithInfo_holder(const Ref<OVReceptionistSubscriptionInfo>& info,
+                                      const Id& holder);
+  void runRequest(const Ref<OVReceptionistSubscriptionRequest>& request);
+
+  Ref<dispatch::Queue> externalQueue_;
+  Ref<dispatch::Queue> internalQueue_;
+  Ref<Dictionary> handlingInfosByHolder_;
+  // The bookkeeping runs on the internal queue, except stopAllObservations and
+  // the whole of a queue-less receptionist, which run on callers' threads: one
+  // lock, shared with the handling records, keeps those paths apart.
+  Ref<std::recursive_mutex> lock_;
+};
+
+}  // namespace fennick

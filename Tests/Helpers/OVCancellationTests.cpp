@@ -1,0 +1,174 @@
+#include "HelpersTestSupport.h"
+
+#include "fennick/Dispatch/Queue.h"
+#include "fennick/Helpers/OVCancellation.h"
+#include "fennick/Helpers/OVCancellationGroup.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+namespace fennick {
+namespace {
+
+using testing::eventually;
+using testing::Latch;
+
+TEST(OVCancellationToken, HandlersRunOnceInOrderOnTheUtilityQueue) {
+  auto token = OVCancellationToken::init();
+  EXPECT_EQ(token->internalQueue()->label(), "com.orvane.cancellation-token-internal.internal-queue");
+  std::mutex mutex;
+  std::vector<char> order;
+  std::atomic<bool> offCaller{true};
+  const auto caller = std::this_thread::get_id();
+  for (char name : {'a', 'b', 'c'})
+    token->addCancellationHandler([&, name] {
+      if (std::this_thread::get_id() == caller) offCaller = false;
+      std::lock_guard lock(mutex);
+      order.push_back(name);
+    });
+  EXPECT_FALSE(token->isCancelled());
+  token->cancel();
+  token->cancel();
+  EXPECT_TRUE(token->isCancelled());
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(mutex);
+    return order.size() == 3;
+  }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a second run would show up here
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c'}));
+  EXPECT_TRUE(offCaller);
+}
+
+TEST(OVCancellationToken, LateHandlersRunAloneAndMayCallBack) {
+  auto token = OVCancellationToken::init();
+  token->cancel();
+  Latch ran;
+  token->addCancellationHandler([&] {
+    EXPECT_TRUE(token->isCancelled());
+    token->addCancellationHandler([&] { ran.signal(); });  // re-entry from a handler is fine
+    ran.signal();
+  });
+  EXPECT_TRUE(ran.waitFor(2));
+}
+
+TEST(OVCancellationToken, ManyThreadsCancellingWhileHandlersAreAdded) {
+  for (int round = 0; round < 20; ++round) {
+    auto token = OVCancellationToken::init();
+    std::atomic<int> runs{0};
+    constexpr int kAdders = 4, kPerAdder = 25;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kAdders; ++t)
+      threads.emplace_back([&] {
+        for (int i = 0; i < kPerAdder; ++i) token->addCancellationHandler([&] { ++runs; });
+      });
+    for (int t = 0; t < 3; ++t) threads.emplace_back([&] { token->cancel(); });
+    for (auto& thread : threads) thread.join();
+    ASSERT_TRUE(eventually([&] { return runs == kAdders * kPerAdder; }));
+  }
+}
+
+TEST(OVCancellationGroup, AnyPolicyCancelsWithTheFirstChild) {
+  auto group = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  EXPECT_EQ(group->internalQueue()->label(), "com.orvane.cancellation-group-internal.internal-queue");
+  auto a = OVCancellationToken::init(), b = OVCancellationToken::init();
+  Latch handlers;
+  group->addCancellationHandler([&] { handlers.signal(); });
+  group->addChild(a);
+  group->addChild(b);
+  a->cancel();
+  ASSERT_TRUE(eventually([&] { return group->isCancelled() && b->isCancelled(); }));
+  EXPECT_TRUE(handlers.waitFor(1));
+  group->cancel();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(handlers.count(), 1);
+}
+
+TEST(OVCancellationGroup, AllPolicyWaitsForEveryChild) {
+  auto group = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAll);
+  auto a = OVCancellationToken::init(), b = OVCancellationToken::init();
+  group->addChild(a);
+  group->addChild(b);
+  a->cancel();
+  group->internalQueue()->sync([] {});  // let the receptionist deliver
+  group->internalQueue()->sync([] {});
+  EXPECT_FALSE(group->isCancelled());
+  b->cancel();
+  EXPECT_TRUE(eventually([&] { return group->isCancelled(); }));
+}
+
+TEST(OVCancellationGroup, CancelledChildrenAndCancelledGroups) {
+  // One cancelled child and none left: the All policy cancels at once.
+  auto all = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAll);
+  auto cancelled = OVCancellationToken::init();
+  cancelled->cancel();
+  all->addChild(cancelled);
+  EXPECT_TRUE(all->isCancelled());
+
+  // A child added to a cancelled group is cancelled at once.
+  auto fresh = OVCancellationToken::init();
+  all->addChild(fresh);
+  EXPECT_TRUE(fresh->isCancelled());
+
+  Latch late;
+  all->addCancellationHandler([&] { late.signal(); });
+  EXPECT_TRUE(late.waitFor(1));
+}
+
+TEST(OVCancellationGroup, GroupsNestAndCancelTheirTrees) {
+  auto root = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto middle = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto leaf = OVCancellationToken::init();
+  root->addChild(middle);
+  middle->addChild(leaf);
+  leaf->cancel();  // climbs: leaf -> middle -> root
+  EXPECT_TRUE(eventually([&] { return root->isCancelled(); }));
+
+  auto other = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto child = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAll);
+  auto token = OVCancellationToken::init();
+  other->addChild(child);
+  child->addChild(token);
+  other->cancel();  // descends synchronously
+  EXPECT_TRUE(child->isCancelled());
+  EXPECT_TRUE(token->isCancelled());
+}
+
+// Ten levels deep and a hundred wide, cancelled from many threads at once:
+// every group and token cancels once and every handler runs exactly once.
+TEST(OVCancellationGroup, WideDeepTreesCancelledFromManyThreads) {
+  constexpr int kDepth = 10, kWidth = 100;
+  std::vector<Ref<OVCancellationGroup>> chain;
+  std::vector<Ref<OVCancellationToken>> leaves;
+  std::atomic<int> handlerRuns{0};
+  for (int level = 0; level < kDepth; ++level) {
+    chain.push_back(OVCancellationGroup::initWithPolicy(level % 2 ? OVCancellationGroupPolicyAll
+                                                                  : OVCancellationGroupPolicyAny));
+    chain.back()->addCancellationHandler([&] { ++handlerRuns; });
+    if (level) chain[level - 1]->addChild(chain.back());
+  }
+  for (int i = 0; i < kWidth; ++i) {
+    leaves.push_back(OVCancellationToken::init());
+    leaves.back()->addCancellationHandler([&] { ++handlerRuns; });
+    chain[static_cast<std::size_t>(i % kDepth)]->addChild(leaves.back());
+  }
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      chain[static_cast<std::size_t>(t * 3 % kDepth)]->cancel();
+      leaves[static_cast<std::size_t>(t * 17 % kWidth)]->cancel();
+    });
+  for (auto& thread : threads) thread.join();
+  chain.front()->cancel();
+  ASSERT_TRUE(eventually([&] { return handlerRuns == kDepth + kWidth; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(handlerRuns, kDepth + kWidth);
+  for (auto& group : chain) EXPECT_TRUE(group->isCancelled());
+  for (auto& leaf : leaves) EXPECT_TRUE(leaf->isCancelled());
+}
+
+}  // namespace
+}  // namespace fennick
