@@ -212,7 +212,8 @@ class Object : public std::enable_shared_from_this<Object> {
                                          std::string_view keyPath, const Ref<Dictionary>& options);
   void unbind(std::string_view binding);
   /// {"NSObservedObject", "NSObservedKeyPath", "NSOptions"} or nil when unbound.
-  Ref<Dictionary> infoForBinding(std::string_view binding) const;
+  /// Virtual so that objects with bindings of their own can answer for them.
+  virtual Ref<Dictionary> infoForBinding(std::string_view binding) const;
   /// Writes a value back through a binding to the observed object, reverse
   /// transformed where the binding's transformer allows it. Problems are logged.
   void propagateValue_forBinding(const Id& value, std::string_view binding);

@@ -10,6 +10,8 @@
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/Set.h"
 #include "fennick/Runtime/String.h"
+#include "fennick/Runtime/URL.h"
+#include "fennick/Runtime/ValueTransformer.h"
 
 #include <mutex>
 
@@ -22,7 +24,7 @@ void registerBuiltinClasses() {
                              Null::staticClass(), Array::staticClass(), Dictionary::staticClass(),
                              Set::staticClass(), CountedSet::staticClass(),
                              Data::staticClass(), Date::staticClass(), UUID::staticClass(),
-                             Error::staticClass()})
+                             Error::staticClass(), URL::staticClass(), ValueTransformer::staticClass()})
       (void)cls;
   });
 }

@@ -1,0 +1,215 @@
+#pragma once
+// Uniform resource locators: file URLs made from paths, and general URLs
+// parsed from text (RFC 3986), optionally relative to a base URL.
+//
+// A URL is immutable apart from its resource-value cache. Components are kept
+// as written (percent-encoded); the accessors say which ones they decode.
+// Equality and hashing go by the absolute string, so a relative URL equals the
+// absolute URL it resolves to.
+#include "fennick/Runtime/Object.h"
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace fennick {
+
+class Array;
+class Dictionary;
+class Error;
+
+/// Resource-value keys (the platform's names and values). Values read from
+/// the file system describe the item itself, not a symbolic link's target.
+inline constexpr const char* NSURLNameKey = "NSURLNameKey";                    // String
+inline constexpr const char* NSURLLocalizedNameKey = "NSURLLocalizedNameKey";  // String
+inline constexpr const char* NSURLPathKey = "_NSURLPathKey";                   // String
+inline constexpr const char* NSURLHasHiddenExtensionKey = "NSURLHasHiddenExtensionKey";  // NO here
+inline constexpr const char* NSURLIsDirectoryKey = "NSURLIsDirectoryKey";      // bool Number
+inline constexpr const char* NSURLIsRegularFileKey = "NSURLIsRegularFileKey";  // bool Number
+inline constexpr const char* NSURLIsSymbolicLinkKey = "NSURLIsSymbolicLinkKey";  // bool Number
+/// Bytes of a regular file's contents (absent for other items).
+inline constexpr const char* NSURLFileSizeKey = "NSURLFileSizeKey";
+/// Bytes a regular file occupies on disk (absent for other items).
+inline constexpr const char* NSURLFileAllocatedSizeKey = "NSURLFileAllocatedSizeKey";
+inline constexpr const char* NSURLContentModificationDateKey = "NSURLContentModificationDateKey";  // Date
+
+/// Which characters percent encoding leaves alone, per URL component.
+enum class URLCharacterSet { User, Password, Host, Path, Query, Fragment };
+
+class URL : public Object {
+  FENNICK_DECLARE_CLASS(URL, Object)
+
+ public:
+  // -- Making URLs ----------------------------------------------------------------
+  /// A file URL for a path. A relative path is taken relative to the current
+  /// directory (which becomes the base URL). The file system is asked whether
+  /// the item is a directory; directory URLs end with "/". Repeated slashes are
+  /// collapsed; "." and ".." are kept (see URLByStandardizingPath). An empty
+  /// path, or one holding a NUL byte, gives nil.
+  static Ref<URL> fileURLWithPath(std::string_view path);
+  /// The same without asking the file system: `isDirectory` decides the
+  /// trailing slash.
+  static Ref<URL> fileURLWithPath_isDirectory(std::string_view path, bool isDirectory);
+  /// A file URL for a path relative to `base` (ignored for absolute paths; nil
+  /// means the current directory).
+  static Ref<URL> fileURLWithPath_relativeToURL(std::string_view path, const Ref<URL>& base);
+  static Ref<URL> fileURLWithPath_isDirectory_relativeToURL(std::string_view path, bool isDirectory,
+                                                            const Ref<URL>& base);
+  /// The components joined with "/" (a leading "/" component makes the path
+  /// absolute), as fileURLWithPath. Nil for a nil or empty array.
+  static Ref<URL> fileURLWithPathComponents(const Ref<Array>& components);
+  /// A URL parsed from text that is already percent-encoded. Nil when the text
+  /// is empty or malformed: characters that must be encoded (spaces, quotes,
+  /// angle brackets, non-ASCII ...), a "%" not followed by two hexadecimal
+  /// digits, a bad port or host.
+  static Ref<URL> URLWithString(std::string_view text);
+  /// The same, relative to `base`: the absolute URL is resolved by the rules
+  /// of RFC 3986. Text with a scheme of its own ignores the base. An empty
+  /// text is allowed here (it stands for the base itself).
+  static Ref<URL> URLWithString_relativeToURL(std::string_view text, const Ref<URL>& base);
+
+  // -- The whole URL ----------------------------------------------------------------
+  /// The resolved URL as text.
+  const std::string& absoluteString() const noexcept { return absoluteString_; }
+  /// The text the URL was made from (relative to baseURL when there is one).
+  const std::string& relativeString() const noexcept { return relativeString_; }
+  /// Nil for absolute URLs.
+  const Ref<URL>& baseURL() const noexcept { return base_; }
+  /// This URL when it has no base; otherwise the resolved URL without a base.
+  Ref<URL> absoluteURL() const;
+
+  // -- Components of the resolved URL ---------------------------------------------------
+  std::optional<std::string> scheme() const { return parts_.scheme; }
+  /// Percent-decoded.
+  std::optional<std::string> user() const;
+  /// Percent-decoded.
+  std::optional<std::string> password() const;
+  /// Percent-decoded, without the brackets of an IPv6 literal. Nil when the
+  /// URL has no authority; "" for file URLs ("file:///").
+  std::optional<std::string> host() const;
+  std::optional<int> port() const;
+  /// Percent-decoded, without a trailing slash (except for "/" itself); "" when
+  /// the URL has no path.
+  std::string path() const;
+  /// The path of relativeString, decoded the same way.
+  std::string relativePath() const;
+  /// As written (percent-encoded), without the "?"; nil when absent.
+  std::optional<std::string> query() const { return parts_.query; }
+  /// As written (percent-encoded), without the "#"; nil when absent.
+  std::optional<std::string> fragment() const { return parts_.fragment; }
+
+  // -- Paths ---------------------------------------------------------------------
+  /// The decoded path components: "/" first for absolute paths, then each
+  /// component ("/a/b/" gives "/", "a", "b"). Nil when the path is empty.
+  Ref<Array> pathComponents() const;
+  /// The last path component ("/" for the root path, "" for an empty path).
+  std::string lastPathComponent() const;
+  /// The last component's extension without the dot; "" when there is none
+  /// (a leading dot, as in ".profile", does not start an extension).
+  std::string pathExtension() const;
+  bool isFileURL() const;
+  /// Whether the path ends with "/".
+  bool hasDirectoryPath() const;
+  /// This URL when it is a file URL, else nil.
+  Ref<URL> filePathURL() const;
+
+  /// The component (percent-encoded as needed; "/" inside it separates
+  /// components) appended to the path. On file URLs the file system decides
+  /// the trailing slash, as in fileURLWithPath; other URLs keep the
+  /// component's own. Query and fragment are kept. Derived URLs have no base.
+  Ref<URL> URLByAppendingPathComponent(std::string_view component) const;
+  /// The same with the trailing slash given by `isDirectory`.
+  Ref<URL> URLByAppendingPathComponent_isDirectory(std::string_view component, bool isDirectory) const;
+  /// Without the last component, as a directory ("/a/b" gives "/a/"; the root
+  /// stays the root; a relative "a" gives "./"). A URL without a path is
+  /// answered unchanged.
+  Ref<URL> URLByDeletingLastPathComponent() const;
+  /// "name" becomes "name.ext" (a trailing slash is kept). Nil when the URL
+  /// has no last component or the extension holds a "/".
+  Ref<URL> URLByAppendingPathExtension(std::string_view extension) const;
+  /// Without the last component's extension (unchanged when there is none).
+  Ref<URL> URLByDeletingPathExtension() const;
+  /// "." components removed and ".." components applied to the path.
+  Ref<URL> URLByStandardizingPath() const;
+
+  // -- Resource values -----------------------------------------------------------------
+  /// The value for a resource key: a value set on this object (see
+  /// setResourceValue_forKey) if there is one, else, for file URLs and the
+  /// keys listed above, a value read from the file system now. Nil for keys
+  /// without a value (unknown keys, the size of a directory). When the item
+  /// cannot be read, answers nil and sets `error` (if given) to an error of
+  /// the POSIX domain with the URL and path in its user info; non-file URLs
+  /// fail in NSCocoaErrorDomain (code 262, unsupported scheme).
+  Id resourceValueForKey(std::string_view key, Ref<Error>* error = nullptr) const;
+  /// The values for several keys (String members) in one read; keys without
+  /// a value are left out. Nil with `error` set as above on failure.
+  Ref<Dictionary> resourceValuesForKeys(const Ref<Array>& keys, Ref<Error>* error = nullptr) const;
+  /// Keeps a value in this object's cache, where it overrides the file
+  /// system; nothing is written to disk. Nil removes it. Thread-safe.
+  void setResourceValue_forKey(const Id& value, std::string_view key);
+  /// The platform's name for a value kept only in the cache; the same as
+  /// setResourceValue_forKey.
+  void setTemporaryResourceValue_forKey(const Id& value, std::string_view key) {
+    setResourceValue_forKey(value, key);
+  }
+  void removeCachedResourceValueForKey(std::string_view key);
+  void removeAllCachedResourceValues();
+
+  // -- Percent encoding -----------------------------------------------------------------
+  /// Encodes every byte that the component does not allow as "%XX".
+  static std::string stringByAddingPercentEncoding(std::string_view text, URLCharacterSet allowed);
+  /// Decodes "%XX" sequences; nil when one is malformed.
+  static std::optional<std::string> stringByRemovingPercentEncoding(std::string_view text);
+
+  // -- Object --------------------------------------------------------------------------
+  /// By absolute string.
+  bool isEqual(const Object* other) const override;
+  std::size_t hash() const override;
+  /// The absolute string; for a relative URL "<relative> -- <base>".
+  std::string description() const override;
+  /// URLs are immutable: the receiver itself.
+  Id copy() const override;
+  /// "NS.base" (URL or nil) and "NS.relative" (String).
+  void encodeWithCoder(Coder& coder) const override;
+  void initWithCoder(Coder& coder) override;
+
+  /// Components as written (percent-encoded). Internal representation; use
+  /// the accessors above.
+  struct Parts {
+    std::optional<std::string> scheme;
+    bool hasAuthority = false;
+    std::optional<std::string> user;
+    std::optional<std::string> password;
+    std::string host;  // IPv6 literals keep their brackets
+    std::optional<std::string> port;
+    std::string path;
+    std::optional<std::string> query;
+    std::optional<std::string> fragment;
+  };
+
+ protected:
+  URL() = default;
+
+ private:
+  static Ref<URL> makeURL(std::string_view text, const Ref<URL>& base);
+  /// A file URL for a path, absolute or relative to `base` (nil: the current
+  /// directory); `isDirectory` nil asks the file system.
+  static Ref<URL> makeFileURL(std::string_view path, std::optional<bool> isDirectory, Ref<URL> base);
+  /// Fills the URL from text; false when the text is malformed.
+  bool assign(std::string_view text, Ref<URL> base);
+  Ref<URL> withPath(std::string encodedPath) const;
+  Ref<URL> withAppendedComponent(std::string_view component, std::optional<bool> isDirectory) const;
+
+  // Set once, by the factories or by initWithCoder before the URL is shared.
+  std::string relativeString_;
+  Ref<URL> base_;
+  std::string absoluteString_;
+  Parts relativeParts_;
+  Parts parts_;  // of the resolved URL
+
+  mutable std::mutex cacheMutex_;
+  mutable detail::StringMap<Id> cache_;
+};
+
+}  // namespace fennick
