@@ -1,6 +1,7 @@
 #include "fennick/Helpers/OVCancellationGroup.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 
 namespace fennick {

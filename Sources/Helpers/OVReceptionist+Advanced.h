@@ -65,10 +65,12 @@ class OVReceptionistSubscriptionRequest : public Object {
 
   /// A new request of the receiver's class, made from the receiver.
   Id copy() const override;
+  /// Takes the prototype's fields (a start request also takes the start fields
+  /// when the prototype is a start request).
+  virtual void copyFromPrototype(const OVReceptionistSubscriptionRequest& prototype);
 
  protected:
   OVReceptionistSubscriptionRequest() = default;
-  virtual void copyFromPrototype(const OVReceptionistSubscriptionRequest& prototype);
   virtual Ref<OVReceptionistSubscriptionRequest> makeEmpty() const;
 
  private:
@@ -115,7 +117,11 @@ class OVReceptionistStartSubscriptionRequest : public OVReceptionistSubscription
 
  protected:
   OVReceptionistStartSubscriptionRequest() = default;
+
+ public:
   void copyFromPrototype(const OVReceptionistSubscriptionRequest& prototype) override;
+
+ protected:
   Ref<OVReceptionistSubscriptionRequest> makeEmpty() const override;
 
  private:

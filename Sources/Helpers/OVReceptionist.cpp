@@ -2,6 +2,7 @@
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 #include "fennick/Helpers/OVObjectHolder.h"
+#include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 
 namespace fennick {

@@ -91,7 +91,6 @@ class OVStateMachineTransition : public Object {
   /// Whether the rule applies to `action` performed in `state`.
   bool matches(const Id& action, const Id& state) const;
 
-  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;
   std::string description() const override;

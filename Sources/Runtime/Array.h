@@ -106,7 +106,6 @@ class Array : public Collection {
   Id takeFirstObject();
 
   // Object --------------------------------------------------------------------
-  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override { return objects_.size(); }
   std::string description() const override;

@@ -80,7 +80,6 @@ class Dictionary : public Collection {
   Iterator end() const;
 
   // Object --------------------------------------------------------------------
-  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override { return table_.size(); }
   std::string description() const override;

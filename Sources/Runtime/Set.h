@@ -92,7 +92,6 @@ class Set : public Collection {
   Iterator end() const;
 
   // Object --------------------------------------------------------------------
-  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override { return table_.size(); }
   std::string description() const override;
@@ -155,7 +154,6 @@ class CountedSet : public Set {
   void addObject(const Id& object) override;
   void removeObject(const Id& object) override;
 
-  using Set::isEqual;
   bool isEqual(const Object* other) const override;
   std::string description() const override;
   Id copy() const override;
