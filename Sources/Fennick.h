@@ -1,3 +1,35 @@
 #pragma once
 // Umbrella header: the whole public interface of Fennick.
 #include "fennick/Version.h"
+
+#include "fennick/Dispatch/Dispatch.h"
+
+#include "fennick/Runtime/Array.h"
+#include "fennick/Runtime/BlockObject.h"
+#include "fennick/Runtime/Boxing.h"
+#include "fennick/Runtime/ClassBuilder.h"
+#include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Date.h"
+#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/Exception.h"
+#include "fennick/Runtime/Log.h"
+#include "fennick/Runtime/Null.h"
+#include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/Object.h"
+#include "fennick/Runtime/Set.h"
+#include "fennick/Runtime/String.h"
+#include "fennick/Runtime/URL.h"
+#include "fennick/Runtime/UUID.h"
+#include "fennick/Runtime/ValueTransformer.h"
+
+#include "fennick/FoundationExtensions/OVDispatchQueue.h"
+
+#include "fennick/Helpers/OVBaseRouter.h"
+#include "fennick/Helpers/OVCancellation.h"
+#include "fennick/Helpers/OVCancellationGroup.h"
+#include "fennick/Helpers/OVObjectHolder.h"
+#include "fennick/Helpers/OVProactor.h"
+#include "fennick/Helpers/OVReceptionist.h"
+#include "fennick/Helpers/OVStateMachine.h"

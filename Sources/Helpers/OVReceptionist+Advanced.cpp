@@ -9,6 +9,8 @@
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/Set.h"
 
+#include <utility>
+
 namespace fennick {
 
 namespace {
@@ -33,6 +35,29 @@ std::vector<Id> members(const Collection& collection) {
 }
 
 }  // namespace
+
+namespace detail {
+
+namespace {
+thread_local DeferredReceptionistCalls* activeCollector = nullptr;
+}  // namespace
+
+DeferredReceptionistCalls::DeferredReceptionistCalls() : outer_(activeCollector) { activeCollector = this; }
+
+DeferredReceptionistCalls::~DeferredReceptionistCalls() { activeCollector = outer_; }
+
+void DeferredReceptionistCalls::run() {
+  activeCollector = outer_;  // calls made by the calls themselves run directly
+  for (auto& call : std::exchange(calls_, {})) call();
+  activeCollector = this;
+}
+
+void DeferredReceptionistCalls::call(std::function<void()> call) {
+  if (activeCollector) activeCollector->calls_.push_back(std::move(call));
+  else call();
+}
+
+}  // namespace detail
 
 FENNICK_DEFINE_CLASS(OVReceptionistSubscriptionRequest) {}
 FENNICK_DEFINE_CLASS(OVReceptionistStartSubscriptionRequest) {}
@@ -342,13 +367,14 @@ void OVReceptionistHandlingInfo::startObservationWithInfo_holder(
     object->addObserver_forKeyPath_options_context(
         Object::self(), keyPath->view(), (info->options() & ~kLowOptionBits) + kRegistrationOptions,
         nullptr);
-  if (info->options() & NSKeyValueObservingOptionInitial) {
-    auto change = Dictionary::dictionaryWithCapacity(2);
-    change->setObject_forKey(Number::numberWithInteger(NSKeyValueChangeSetting), NSKeyValueChangeKindKey);
-    Id value = object->valueForKeyPath(keyPath->view());
-    change->setObject_forKey(value ? value : Id(Null::null()), NSKeyValueChangeNewKey);
-    info->notifyChangeOfObject_keyPath_change_isInitial(object, keyPath, change, true);
-  }
+  if (info->options() & NSKeyValueObservingOptionInitial)
+    detail::DeferredReceptionistCalls::call([info, object, keyPath] {
+      auto change = Dictionary::dictionaryWithCapacity(2);
+      change->setObject_forKey(Number::numberWithInteger(NSKeyValueChangeSetting), NSKeyValueChangeKindKey);
+      Id value = object->valueForKeyPath(keyPath->view());
+      change->setObject_forKey(value ? value : Id(Null::null()), NSKeyValueChangeNewKey);
+      info->notifyChangeOfObject_keyPath_change_isInitial(object, keyPath, change, true);
+    });
 }
 
 void OVReceptionistHandlingInfo::stopObservationWithInfo_holder(

@@ -42,8 +42,12 @@ void OVReceptionist::performInternalOperationSync_block(bool sync, dispatch::Blo
 }
 
 void OVReceptionist::runRequest(const Ref<OVReceptionistSubscriptionRequest>& request) {
-  std::lock_guard lock(*lock_);
-  request->performForReceptionist(*this);
+  detail::DeferredReceptionistCalls initialCalls;
+  {
+    std::lock_guard lock(*lock_);
+    request->performForReceptionist(*this);
+  }
+  initialCalls.run();
 }
 
 void OVReceptionist::startObservationOfObject_forKeyPath_changeBlock(const Id& object,

@@ -1,14 +1,30 @@
+// The fennick command-line tool.
+#include "Demo.h"
+
 #include <fennick/Fennick.h>
 
 #include <cstdio>
 #include <string_view>
 
+namespace {
+
+void printUsage(std::FILE* out) {
+  std::fprintf(out,
+               "usage: fennick <command>\n\n"
+               "commands:\n"
+               "  demo      a tour of the framework on sample data\n"
+               "  version   print the library version\n");
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  const std::string_view command = argc > 1 ? argv[1] : "help";
-  if (command == "demo") {
-    std::printf("Fennick %s\n", fennick::versionString());
+  const std::string_view command = argc > 1 ? argv[1] : "";
+  if (command == "demo") return fennick::tool::runDemo(stdout);
+  if (command == "version") {
+    std::printf("%s\n", fennick::versionString());
     return 0;
   }
-  std::printf("usage: fennick demo\n");
-  return command == "help" ? 0 : 2;
+  printUsage(command.empty() || command == "help" ? stdout : stderr);
+  return command.empty() || command == "help" ? 0 : 2;
 }

@@ -1,0 +1,175 @@
+#include "Demo.h"
+
+#include <fennick/Fennick.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace fennick::tool {
+
+namespace {
+
+// A file download whose progress can be observed.
+class Download : public Object {
+  FENNICK_DECLARE_CLASS(Download, Object)
+
+ public:
+  static Ref<Download> named(std::string name) {
+    auto download = make<Download>();
+    download->name_ = String::string(name);
+    return download;
+  }
+  Ref<String> name() const { return name_; }
+  std::int64_t percent() const { return percent_.load(); }
+  void setPercent(std::int64_t percent) { percent_.store(percent); }
+
+ protected:
+  Download() = default;
+
+ private:
+  Ref<String> name_;
+  std::atomic<std::int64_t> percent_{0};
+};
+
+FENNICK_DEFINE_CLASS(Download) {
+  builder.property("name", &Download::name);
+  builder.observableProperty("percent", &Download::percent, &Download::setPercent);
+}
+
+// Sample catalogue: name, kind, size in kilobytes.
+struct Sample {
+  const char* name;
+  const char* kind;
+  int kilobytes;
+};
+constexpr Sample kCatalogue[] = {
+    {"notes.txt", "text", 4},       {"report.pdf", "document", 880}, {"photo.jpg", "image", 2400},
+    {"todo.txt", "text", 1},        {"slides.pdf", "document", 5200}, {"icon.png", "image", 12},
+};
+
+// Waits until a count is reached, or a second passes.
+class Countdown {
+ public:
+  void hit() {
+    std::lock_guard lock(mutex_);
+    ++hits_;
+    changed_.notify_all();
+  }
+  bool waitFor(int hits) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(5), [&] { return hits_ >= hits; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int hits_ = 0;
+};
+
+void showObservation(std::FILE* out) {
+  std::fprintf(out, "\n== Observation: a receptionist watching a download\n");
+  auto download = Download::named("slides.pdf");
+  auto receptionist = OVReceptionist::init();
+  receptionist->startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(
+      download, "percent", true,
+      [out](const Id& object, const std::string& keyPath, const Id& now, const Id& before) {
+        std::fprintf(out, "  %s.%s: %s -> %s\n", object->valueForKey("name")->description().c_str(),
+                     keyPath.c_str(), before ? before->description().c_str() : "(initial)",
+                     now->description().c_str());
+      });
+  for (int percent : {25, 60, 100}) download->setValueForKey(Number::of(percent), "percent");
+}
+
+void showCollections(std::FILE* out) {
+  std::fprintf(out, "\n== Collections: grouping and filtering a catalogue\n");
+  auto files = Array::array();
+  for (const Sample& sample : kCatalogue)
+    files->addObject(Dictionary::dictionaryWithStringKeys({{"name", String::string(sample.name)},
+                                                           {"kind", String::string(sample.kind)},
+                                                           {"kilobytes", Number::of(sample.kilobytes)}}));
+  auto byKind = files->groupBy([](const Id& file, std::size_t) { return file->valueForKey("kind"); });
+  byKind->enumerateKeysAndObjectsUsingBlock([out](const Id& kind, const Id& members, bool&) {
+    auto names = Array::castObject(members)->valueForKey("name");
+    std::fprintf(out, "  %-9s %s\n", kind->description().c_str(),
+                 Array::castObject(names)->componentsJoinedByString(", ")->UTF8String());
+  });
+  auto large = files->filter([](const Id& file, std::size_t, bool&) {
+    return Number::castObject(file->valueForKey("kilobytes"))->integerValue() > 1000;
+  });
+  std::fprintf(out, "  larger than 1 MB: %s\n",
+               Array::castObject(large->valueForKey("name"))->componentsJoinedByString(", ")->UTF8String());
+}
+
+void showProactor(std::FILE* out) {
+  std::fprintf(out, "\n== Proactor: six requests for two files, two downloads\n");
+  auto proactor = OVProactor::init();
+  std::atomic<int> runs{0};
+  auto group = proactor->addGroupWithID_startsActionAutomatically_handlerBlock(
+      "download"_s, true, [&runs](const Ref<OVProactorAction>& action) {
+        ++runs;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the "network"
+        action->setObject_forKey(String::format("{} bytes", action->argument()->description().size() * 1000),
+                                 "size"_s);
+        action->complete();
+      });
+  Countdown delivered;
+  std::mutex printing;
+  const char* requests[] = {"report.pdf", "photo.jpg", "report.pdf", "report.pdf", "photo.jpg", "report.pdf"};
+  for (int i = 0; i < 6; ++i) {
+    auto action = group->actionForArgument(String::string(requests[i]));
+    action->addCompletionHandler([&, i, name = std::string(requests[i])](const Ref<OVProactorResult>& result) {
+      {
+        std::lock_guard lock(printing);
+        std::fprintf(out, "  request %d for %s: %s\n", i + 1, name.c_str(),
+                     result->objectForKey("size"_s)->description().c_str());
+      }
+      delivered.hit();
+    });
+  }
+  delivered.waitFor(6);
+  std::fprintf(out, "  work ran %d times for 6 requests\n", runs.load());
+}
+
+void showCancellation(std::FILE* out) {
+  std::fprintf(out, "\n== Cancellation: one failed upload cancels the whole batch\n");
+  auto batch = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto photos = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto documents = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  batch->addChild(photos);
+  batch->addChild(documents);
+  std::vector<std::pair<std::string, Ref<OVCancellationToken>>> uploads;
+  Countdown stopped;
+  std::mutex printing;
+  for (const Sample& sample : kCatalogue) {
+    auto token = OVCancellationToken::init();
+    token->addCancellationHandler([&, name = std::string(sample.name)] {
+      {
+        std::lock_guard lock(printing);
+        std::fprintf(out, "  upload of %s stopped\n", name.c_str());
+      }
+      stopped.hit();
+    });
+    (std::string(sample.kind) == "image" ? photos : documents)->addChild(token);
+    uploads.emplace_back(sample.name, token);
+  }
+  std::fprintf(out, "  photo.jpg failed; cancelling its token\n");
+  uploads[2].second->cancel();
+  stopped.waitFor(static_cast<int>(uploads.size()));
+  std::fprintf(out, "  batch cancelled: %s\n", batch->isCancelled() ? "yes" : "no");
+}
+
+}  // namespace
+
+int runDemo(std::FILE* out) {
+  std::fprintf(out, "Fennick %s: a tour\n", versionString());
+  showObservation(out);
+  showCollections(out);
+  showProactor(out);
+  showCancellation(out);
+  return 0;
+}
+
+}  // namespace fennick::tool
