@@ -91,14 +91,17 @@ class Array : public Collection {
   Ref<Array> subtractArray_withBlock(const Ref<Array>& other, const Matcher& matcher) const;
   /// Members equal (by the matcher) to at least one member of `other`.
   Ref<Array> intersectionWithArray_block(const Ref<Array>& other, const Matcher& matcher) const;
-  /// The first min(n, count) members; the shared empty array when empty.
+  /// A new array of the first min(n, count) members; the shared empty array
+  /// when the receiver is empty.
   Ref<Array> prefix(std::size_t n) const;
   /// Appends a non-nil object (YES) or does nothing (NO).
   bool safeAddObject(const Id& object);
   /// Removes, after the walk, every member whose test was false; members not
   /// visited because the test set stop are kept.
   void filterIn(const IndexedTest& test);
-  /// Returns the members at the (ascending) indexes, then removes them.
+  /// Returns the members at the indexes, in index order, then removes them.
+  /// The indexes act as an index set (order and repeats do not matter); one
+  /// out of range throws Exception (NSRangeException) and removes nothing.
   Ref<Array> takeObjectsAtIndexes(const std::vector<std::size_t>& indexes);
   /// Returns the member at the index, then removes it; throws when out of range.
   Id takeObjectAtIndex(std::size_t index);

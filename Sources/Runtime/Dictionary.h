@@ -67,9 +67,14 @@ class Dictionary : public Collection {
   bool safeSetObject_forKey(const Id& object, const Id& key);
   /// The value for the key (or nil), removing the entry.
   Id takeObjectForKey(const Id& key);
-  /// For a key not yet present (checked only in diagnostic builds).
+  /// Sets the value for a key that is meant to be absent. Diagnostic builds
+  /// (FENNICK_DIAGNOSTICS defined, or NDEBUG not defined) check that the count
+  /// grew and throw Exception (NSInternalInconsistencyException) when it did
+  /// not; other builds simply set, replacing a present value.
   void addObject_forKey(const Id& object, const Id& key);
-  /// For a key that is present (checked only in diagnostic builds).
+  /// Removes the entry for a key that is meant to be present. Diagnostic
+  /// builds check that the count shrank and throw as above; other builds
+  /// simply remove, doing nothing for an absent key.
   void removeObjectOrDieForKey(const Id& key);
   /// The value for the key, or the creation block's non-nil result, stored.
   Id fetchOrCreateObjectForKey_creationBlock(const Id& key, const std::function<Id()>& create);
