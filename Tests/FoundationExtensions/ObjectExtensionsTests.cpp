@@ -142,26 +142,11 @@ TEST(PropagateValueTest, MissingObservedObjectOrKeyPathIsLoggedNotRaised) {
 TEST(ObjectOperationsTest, NilSafeEqualityAndNullFilter) {
   EXPECT_TRUE(Object::isEqualObject_toObject(Id(), Id()));
   EXPECT_FALSE(Object::isEqualObject_toObject("a"_s, nullptr));
-  EXPECT_FALSE(Object::isEqualObject_toObject(nullptr, "a"_s));
   EXPECT_TRUE(Object::isEqualObject_toObject("a"_s, "a"_s));
   EXPECT_FALSE(Object::isEqualObject_toObject("a"_s, "b"_s));
   EXPECT_FALSE(Null::null()->nonNullObject());
   auto text = "x"_s;
   EXPECT_EQ(text->nonNullObject(), text);
-}
-
-TEST(ObjectOperationsTest, CastsCheckTheClassOnlyWhenAsked) {
-  Id number = Number::of(1);
-  EXPECT_FALSE(String::dynamicCastObject(number));
-  EXPECT_FALSE(String::dynamicCastObject(nullptr));
-  EXPECT_EQ(Number::dynamicCastObject(number), number);
-  EXPECT_EQ(Object::dynamicCastObject(number), number);
-  EXPECT_EQ(Number::castObject(number), number);
-
-  struct Greeter {
-    virtual ~Greeter() = default;
-  };
-  EXPECT_FALSE(number->dynamicCastToProtocol<Greeter>());
 }
 
 TEST(ObjectOperationsTest, GroupedChangeNotificationsNest) {

@@ -43,8 +43,6 @@ TEST(URLTest, ParsesAndDecodesComponents) {
   EXPECT_EQ(url->pathExtension(), "gz");
   EXPECT_EQ(texts(url->pathComponents()), (std::vector<std::string>{"/", "a b", "c.tar.gz"}));
   EXPECT_FALSE(url->isFileURL());
-  EXPECT_FALSE(url->baseURL());
-  EXPECT_EQ(url->description(), url->absoluteString());
 
   auto bare = URL::URLWithString("mailto:someone@example.com");
   ASSERT_TRUE(bare);
@@ -57,7 +55,11 @@ TEST(URLTest, ParsesAndDecodesComponents) {
   EXPECT_EQ(ipv6->host(), "::1");
   EXPECT_EQ(ipv6->port(), 80);
   EXPECT_EQ(ipv6->path(), "/");
-  EXPECT_EQ(URL::URLWithString("http://host:/x")->port(), std::nullopt);
+
+  EXPECT_EQ(URL::stringByAddingPercentEncoding("a b/c?d#e;f", URLCharacterSet::Path), "a%20b/c%3Fd%23e%3Bf");
+  EXPECT_EQ(URL::stringByAddingPercentEncoding("a b/c?d#e", URLCharacterSet::Query), "a%20b/c?d%23e");
+  EXPECT_EQ(URL::stringByRemovingPercentEncoding("a%20b%C3%A9"), "a b\xC3\xA9");
+  EXPECT_EQ(URL::stringByRemovingPercentEncoding("100%"), std::nullopt);
 }
 
 TEST(URLTest, MalformedTextGivesNil) {
@@ -74,14 +76,13 @@ TEST(URLTest, MalformedTextGivesNil) {
 TEST(URLTest, ResolvesReferencesAgainstABase) {
   auto base = URL::URLWithString("http://a/b/c/d;p?q");
   const std::map<std::string, std::string> expected = {
-      {"g:h", "g:h"}, {"g", "http://a/b/c/g"}, {"./g", "http://a/b/c/g"}, {"g/", "http://a/b/c/g/"},
+      {"g:h", "g:h"}, {"g", "http://a/b/c/g"}, {"g/", "http://a/b/c/g/"},
       {"/g", "http://a/g"}, {"//g", "http://g"}, {"?y", "http://a/b/c/d;p?y"},
       {"g?y", "http://a/b/c/g?y"}, {"#s", "http://a/b/c/d;p?q#s"}, {"g#s", "http://a/b/c/g#s"},
       {";x", "http://a/b/c/;x"}, {"", "http://a/b/c/d;p?q"}, {".", "http://a/b/c/"},
-      {"./", "http://a/b/c/"}, {"..", "http://a/b/"}, {"../g", "http://a/b/g"}, {"../..", "http://a/"},
+      {"..", "http://a/b/"}, {"../g", "http://a/b/g"}, {"../..", "http://a/"},
       {"../../g", "http://a/g"}, {"../../../g", "http://a/g"}, {"/./g", "http://a/g"},
-      {"/../g", "http://a/g"}, {"g.", "http://a/b/c/g."}, {".g", "http://a/b/c/.g"},
-      {"..g", "http://a/b/c/..g"}, {"./../g", "http://a/b/g"}, {"./g/.", "http://a/b/c/g/"},
+      {"/../g", "http://a/g"}, {"..g", "http://a/b/c/..g"}, {"./g/.", "http://a/b/c/g/"},
       {"g/./h", "http://a/b/c/g/h"}, {"g/../h", "http://a/b/c/h"}, {"g;x=1/../y", "http://a/b/c/y"},
       {"g?y/./x", "http://a/b/c/g?y/./x"}, {"g#s/../x", "http://a/b/c/g#s/../x"}};
   for (const auto& [reference, absolute] : expected) {
@@ -94,7 +95,6 @@ TEST(URLTest, ResolvesReferencesAgainstABase) {
   EXPECT_EQ(relative->relativeString(), "g/h.txt");
   EXPECT_EQ(relative->relativePath(), "g/h.txt");
   EXPECT_EQ(relative->path(), "/b/c/g/h.txt");
-  EXPECT_EQ(relative->host(), "a");
   EXPECT_TRUE(relative->baseURL()->isEqual(base));
   EXPECT_EQ(relative->description(), "g/h.txt -- http://a/b/c/d;p?q");
   auto absolute = relative->absoluteURL();
@@ -134,14 +134,13 @@ TEST_F(FileURLTest, FileURLsEncodePathsAndAskTheDiskAboutDirectories) {
   EXPECT_TRUE(URL::fileURLWithPath(at("dir"))->hasDirectoryPath());
   EXPECT_FALSE(URL::fileURLWithPath(at("five.txt"))->hasDirectoryPath());
   EXPECT_FALSE(URL::fileURLWithPath(at("missing"))->hasDirectoryPath());
-  EXPECT_EQ(URL::fileURLWithPath(at("dir"))->path(), at("dir"));
+  auto root = URL::fileURLWithPath(root_.string());
+  EXPECT_TRUE(root->URLByAppendingPathComponent("dir")->hasDirectoryPath());
+  EXPECT_FALSE(root->URLByAppendingPathComponent("five.txt")->hasDirectoryPath());
 
   EXPECT_FALSE(URL::fileURLWithPath(""));
   EXPECT_FALSE(URL::fileURLWithPath(std::string_view("/tmp/a\0b", 8)));
-  EXPECT_FALSE(URL::fileURLWithPathComponents(nullptr));
   EXPECT_EQ(URL::fileURLWithPathComponents(Array::arrayWithObjects({"/"_s, "tmp"_s, "x"_s}))->path(), "/tmp/x");
-  EXPECT_EQ(url->filePathURL(), url);
-  EXPECT_FALSE(URL::URLWithString("http://x/")->filePathURL());
 }
 
 TEST_F(FileURLTest, RelativePathsResolveAgainstTheCurrentDirectoryOrABase) {
@@ -151,7 +150,6 @@ TEST_F(FileURLTest, RelativePathsResolveAgainstTheCurrentDirectoryOrABase) {
   EXPECT_EQ(relative->relativePath(), "sub/f.txt");
 
   auto base = URL::fileURLWithPath_isDirectory(root_.string(), true);
-  EXPECT_TRUE(URL::fileURLWithPath_relativeToURL("dir", base)->hasDirectoryPath());
   EXPECT_EQ(URL::fileURLWithPath_relativeToURL("a:b", base)->path(), at("a:b"));
   EXPECT_FALSE(URL::fileURLWithPath_relativeToURL("/etc", base)->baseURL());
 }
@@ -160,20 +158,15 @@ TEST(URLTest, DerivesURLsByPathOperations) {
   auto page = URL::URLWithString("http://x/a?q#f");
   EXPECT_EQ(page->URLByAppendingPathComponent("b c")->absoluteString(), "http://x/a/b%20c?q#f");
   EXPECT_EQ(page->URLByAppendingPathComponent_isDirectory("d", true)->absoluteString(), "http://x/a/d/?q#f");
-  EXPECT_EQ(URL::URLWithString("http://x")->URLByAppendingPathComponent("a")->absoluteString(), "http://x/a");
   EXPECT_EQ(URL::URLWithString("http://x/a/")->URLByAppendingPathComponent("/b")->absoluteString(), "http://x/a/b");
 
   auto file = URL::fileURLWithPath_isDirectory("/a/b/c", false);
   EXPECT_EQ(file->URLByDeletingLastPathComponent()->absoluteString(), "file:///a/b/");
-  EXPECT_EQ(file->URLByDeletingLastPathComponent()->URLByDeletingLastPathComponent()->path(), "/a");
-  EXPECT_EQ(URL::fileURLWithPath_isDirectory("/a", false)->URLByDeletingLastPathComponent()->path(), "/");
   EXPECT_EQ(URL::fileURLWithPath_isDirectory("/", true)->URLByDeletingLastPathComponent()->path(), "/");
-  EXPECT_EQ(URL::fileURLWithPath_isDirectory("/", true)->lastPathComponent(), "/");
 
   auto archive = URL::fileURLWithPath_isDirectory("/a/b.tar.gz", false);
   EXPECT_EQ(archive->URLByDeletingPathExtension()->path(), "/a/b.tar");
   EXPECT_EQ(archive->URLByDeletingPathExtension()->URLByAppendingPathExtension("zip")->path(), "/a/b.tar.zip");
-  EXPECT_EQ(URL::fileURLWithPath_isDirectory("/a/.profile", false)->pathExtension(), "");
   EXPECT_EQ(URL::fileURLWithPath_isDirectory("/a/.profile", false)->URLByDeletingPathExtension()->path(),
             "/a/.profile");
   EXPECT_EQ(URL::fileURLWithPath_isDirectory("/a/pkg", true)->URLByAppendingPathExtension("app")->absoluteString(),
@@ -183,14 +176,6 @@ TEST(URLTest, DerivesURLsByPathOperations) {
 
   EXPECT_EQ(URL::fileURLWithPath_isDirectory("/a/./b/../c", true)->URLByStandardizingPath()->absoluteString(),
             "file:///a/c/");
-  EXPECT_EQ(URL::fileURLWithPath_isDirectory("/../a", false)->URLByStandardizingPath()->path(), "/a");
-}
-
-TEST_F(FileURLTest, AppendingToAFileURLAsksTheDisk) {
-  auto base = URL::fileURLWithPath(root_.string());
-  EXPECT_TRUE(base->URLByAppendingPathComponent("dir")->hasDirectoryPath());
-  EXPECT_FALSE(base->URLByAppendingPathComponent("five.txt")->hasDirectoryPath());
-  EXPECT_TRUE(base->URLByAppendingPathComponent_isDirectory("five.txt", true)->hasDirectoryPath());
 }
 
 TEST(URLTest, EqualityAndHashFollowTheAbsoluteString) {
@@ -199,12 +184,10 @@ TEST(URLTest, EqualityAndHashFollowTheAbsoluteString) {
   EXPECT_TRUE(a->isEqual(relative));
   EXPECT_FALSE(a->isEqual(URL::URLWithString("http://x/a/b/")));
   EXPECT_FALSE(a->isEqual("http://x/a/b"_s));
-  EXPECT_EQ(a->copy(), a);
 
   auto table = Dictionary::dictionary();
   table->setObject_forKey("found"_s, a);
   EXPECT_EQ(table->objectForKey(relative)->description(), "found");
-  EXPECT_EQ(a->valueForKey("lastPathComponent")->description(), "b");
 }
 
 TEST_F(FileURLTest, ResourceValuesComeFromTheCacheThenTheDisk) {
@@ -212,7 +195,6 @@ TEST_F(FileURLTest, ResourceValuesComeFromTheCacheThenTheDisk) {
   Ref<Error> error;
   EXPECT_EQ(unbox<std::int64_t>(file->resourceValueForKey(NSURLFileSizeKey, &error)), 5);
   EXPECT_FALSE(unbox<bool>(file->resourceValueForKey(NSURLIsDirectoryKey)));
-  EXPECT_EQ(file->resourceValueForKey(NSURLNameKey)->description(), "five.txt");
   EXPECT_FALSE(file->resourceValueForKey("NoSuchKey", &error));
   EXPECT_FALSE(error);
 
@@ -240,7 +222,6 @@ TEST_F(FileURLTest, ResourceValuesComeFromTheCacheThenTheDisk) {
   EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
   EXPECT_EQ(error->code(), ENOENT);
   EXPECT_EQ(error->userInfo()->objectForKey(NSFilePathErrorKey)->description(), at("missing"));
-  EXPECT_FALSE(missing->resourceValuesForKeys(Array::arrayWithObjects({String::string(NSURLNameKey)}), &error));
 
   error = nullptr;
   EXPECT_FALSE(URL::URLWithString("http://x/")->resourceValueForKey(NSURLNameKey, &error));
@@ -253,17 +234,14 @@ TEST(URLTest, ResourceCacheIsSafeAcrossThreads) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([url, t] {
-      const std::string key = "key" + std::to_string(t % 2);
       for (int i = 0; i < 500; ++i) {
-        url->setResourceValue_forKey(Number::of(i), key);
-        Id value = url->resourceValueForKey(key);
-        if (i % 50 == 0) url->removeAllCachedResourceValues();
-        (void)value;
+        url->setResourceValue_forKey(Number::of(i), t % 2 ? "odd" : "even");
+        if (!url->resourceValueForKey(t % 2 ? "even" : "odd")) url->removeAllCachedResourceValues();
       }
     });
   for (auto& thread : threads) thread.join();
-  url->setResourceValue_forKey(Number::of(1), "key0");
-  EXPECT_EQ(unbox<int>(url->resourceValueForKey("key0")), 1);
+  url->setResourceValue_forKey(Number::of(1), "odd");
+  EXPECT_EQ(unbox<int>(url->resourceValueForKey("odd")), 1);
 }
 
 // Keeps what a URL encodes and hands it back when decoding.
@@ -294,22 +272,12 @@ TEST(URLTest, CodesBaseAndRelativeString) {
   EXPECT_EQ(decoded->absoluteString(), "http://x/a/b%20c?q");
   EXPECT_EQ(decoded->relativeString(), "b%20c?q");
   EXPECT_TRUE(decoded->baseURL()->isEqual(base));
-  EXPECT_EQ(Class::named("NSURL"), URL::staticClass());
 
   MemoryCoder broken;
   broken.objects["NS.relative"] = "not a url"_s;
   URL::castObject(URL::staticClass()->allocateForDecoding())->initWithCoder(broken);
   ASSERT_TRUE(broken.error);
   EXPECT_EQ(broken.error->code(), 4864);
-}
-
-TEST(URLTest, PercentEncodingPerComponent) {
-  EXPECT_EQ(URL::stringByAddingPercentEncoding("a b/c?d#e;f", URLCharacterSet::Path), "a%20b/c%3Fd%23e%3Bf");
-  EXPECT_EQ(URL::stringByAddingPercentEncoding("a b/c?d#e", URLCharacterSet::Query), "a%20b/c?d%23e");
-  EXPECT_EQ(URL::stringByAddingPercentEncoding("u:p@h", URLCharacterSet::User), "u%3Ap%40h");
-  EXPECT_EQ(URL::stringByRemovingPercentEncoding("a%20b%C3%A9"), "a b\xC3\xA9");
-  EXPECT_EQ(URL::stringByRemovingPercentEncoding("100%"), std::nullopt);
-  EXPECT_EQ(URL::stringByRemovingPercentEncoding("%g0"), std::nullopt);
 }
 
 }  // namespace
