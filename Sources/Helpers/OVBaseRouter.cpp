@@ -24,8 +24,8 @@ void OVBaseRouter::listenToBlock(const std::function<void(const Id& listener)>& 
   if (!callback) return;
   const Ref<Set> snapshot = Set::setWithSet(listners_);
   for (const Id& member : *snapshot) {
-    auto* holder = static_cast<const OVObjectHolder*>(member.get());
-    if (Id listener = holder->object()) callback(listener);
+    auto holder = OVObjectHolder::dynamicCastObject(member);
+    if (Id listener = holder ? holder->object() : nullptr) callback(listener);
   }
 }
 

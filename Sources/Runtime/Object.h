@@ -206,12 +206,20 @@ class Object : public std::enable_shared_from_this<Object> {
 
   // -- Bindings ----------------------------------------------------------------------
   /// Binds the property `binding` of this object to `keyPath` of `observable`:
-  /// the property follows the observed value (through the options' value
-  /// transformer, "NSValueTransformer" or "NSValueTransformerName").
+  /// the property takes the observed value at once and then follows it,
+  /// synchronously on the thread that changes it. The value passes through the
+  /// options' value transformer ("NSValueTransformer", or one registered under
+  /// "NSValueTransformerName"); nil becomes the "NSNullPlaceholder" option.
+  /// Binding a name again replaces its binding. Neither object keeps the other
+  /// alive; the binding ends with the bound object. A nil observable, an empty
+  /// name or key path, an unknown transformer name or an unknown key throws
+  /// Exception, and nothing stays bound. (Names in fennick/Runtime/Bindings.h.)
   void bind_toObject_withKeyPath_options(std::string_view binding, const Id& observable,
                                          std::string_view keyPath, const Ref<Dictionary>& options);
+  /// Ends the binding (nothing happens when there is none).
   void unbind(std::string_view binding);
-  /// {"NSObservedObject", "NSObservedKeyPath", "NSOptions"} or nil when unbound.
+  /// {"NSObservedObject", "NSObservedKeyPath", "NSOptions"} or nil when unbound;
+  /// "NSObservedObject" is absent once the observed object has been destroyed.
   /// Virtual so that objects with bindings of their own can answer for them.
   virtual Ref<Dictionary> infoForBinding(std::string_view binding) const;
   /// Writes a value back through a binding to the observed object, reverse

@@ -48,8 +48,8 @@ class URL : public Object {
   /// collapsed; "." and ".." are kept (see URLByStandardizingPath). An empty
   /// path, or one holding a NUL byte, gives nil.
   static Ref<URL> fileURLWithPath(std::string_view path);
-  /// The same without asking the file system: `isDirectory` decides the
-  /// trailing slash.
+  /// The same without asking the file system: `isDirectory` adds the
+  /// trailing slash (a path that already ends with "/" keeps it).
   static Ref<URL> fileURLWithPath_isDirectory(std::string_view path, bool isDirectory);
   /// A file URL for a path relative to `base` (ignored for absolute paths; nil
   /// means the current directory).
@@ -164,6 +164,7 @@ class URL : public Object {
 
   // -- Object --------------------------------------------------------------------------
   /// By absolute string.
+  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;
   /// The absolute string; for a relative URL "<relative> -- <base>".
