@@ -46,7 +46,6 @@ class OVObjectHolder : public Object {
   virtual const Object* objectAddress() const noexcept { return nullptr; }
 
   /// True when `other` is a holder of any kind holding the same address.
-  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   /// The held address.
   std::size_t hash() const override;
@@ -89,7 +88,6 @@ class OVUnownedObjectHolder : public OVObjectHolder {
   const Object* objectAddress() const noexcept override { return address_; }
   /// Compares addresses directly with other unowned and weak holders, and the
   /// address with the object of any other holder.
-  using OVObjectHolder::isEqual;
   bool isEqual(const Object* other) const override;
   Id copy() const override;
 

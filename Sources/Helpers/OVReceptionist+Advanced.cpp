@@ -280,6 +280,15 @@ void OVReceptionistSubscriptionInfo::setKeyPath(const Ref<String>& keyPath) {
   keyPath_ = keyPath ? std::static_pointer_cast<String>(keyPath->copy()) : nullptr;
 }
 
+const OVReceptionistChangeBlock& OVReceptionistSubscriptionInfo::changeBlock() const {
+  static const OVReceptionistChangeBlock none;
+  return changeBlock_ ? *changeBlock_ : none;
+}
+
+void OVReceptionistSubscriptionInfo::setChangeBlock(OVReceptionistChangeBlock block) {
+  changeBlock_ = block ? std::make_shared<const OVReceptionistChangeBlock>(std::move(block)) : nullptr;
+}
+
 bool OVReceptionistSubscriptionInfo::isEqual(const Object* other) const {
   auto* info = dynamic_cast<const OVReceptionistSubscriptionInfo*>(other);
   return info && isEqualObject_toObject(observedObjectHolder_, info->observedObjectHolder_) &&
@@ -300,7 +309,8 @@ void OVReceptionistSubscriptionInfo::notifyChangeOfObject_keyPath_change_isIniti
     const Id& object, const Ref<String>&, const Ref<Dictionary>& change, bool isInitial) {
   if (isPrior(change) && !(options_ & NSKeyValueObservingOptionPrior)) return;
   if (!changeBlock_) return;
-  changeBlock_(buildChangeInfoWithChangeDictionary_changedObject_isInitial(change, object, isInitial));
+  const auto block = changeBlock_;  // the subscriber may replace this record's callback
+  (*block)(buildChangeInfoWithChangeDictionary_changedObject_isInitial(change, object, isInitial));
 }
 
 Ref<OVReceptionistChangeInfo>
@@ -420,10 +430,14 @@ void OVReceptionistHandlingInfo::deliver(const Ref<String>& keyPath, const Id& o
   // last, so that subscribers see them nested.
   if (prior) std::reverse(records.begin(), records.end());
   for (const Id& record : records) {
-    auto info = std::static_pointer_cast<OVReceptionistSubscriptionInfo>(record);
-    performExternalOperationFromInternalQueue_block(true, [info, object, keyPath, change] {
+    auto* info = static_cast<OVReceptionistSubscriptionInfo*>(record.get());
+    if (deliversInline()) {  // what performExternalOperation... does inline, without a block
       info->notifyChangeOfObject_keyPath_change_isInitial(object, keyPath, change, false);
-    });
+      continue;
+    }
+    performExternalOperationFromInternalQueue_block(
+        true, [info = std::static_pointer_cast<OVReceptionistSubscriptionInfo>(record), object, keyPath,
+               change] { info->notifyChangeOfObject_keyPath_change_isInitial(object, keyPath, change, false); });
   }
 }
 

@@ -187,8 +187,8 @@ class OVReceptionistSubscriptionInfo : public Object {
   void setOptions(std::uint64_t options) { options_ = options; }
   void* context() const { return context_; }
   void setContext(void* context) { context_ = context; }
-  const OVReceptionistChangeBlock& changeBlock() const { return changeBlock_; }
-  void setChangeBlock(OVReceptionistChangeBlock block) { changeBlock_ = std::move(block); }
+  const OVReceptionistChangeBlock& changeBlock() const;
+  void setChangeBlock(OVReceptionistChangeBlock block);
 
   /// Delivers a change to the callback; a prior notification only when the
   /// record asked for prior notifications.
@@ -211,7 +211,8 @@ class OVReceptionistSubscriptionInfo : public Object {
   Ref<String> keyPath_;
   std::uint64_t options_ = 0;
   void* context_ = nullptr;
-  OVReceptionistChangeBlock changeBlock_;
+  // Shared, not copied: every change record made from this record carries it.
+  std::shared_ptr<const OVReceptionistChangeBlock> changeBlock_;
 };
 
 /// What a subscriber receives: its subscription record plus the change.
@@ -282,6 +283,7 @@ class OVReceptionistHandlingInfo : public Object {
  private:
   friend class OVReceptionist;
   void deliver(const Ref<String>& keyPath, const Id& object, const Ref<Dictionary>& change, bool prior);
+  bool deliversInline() const { return !externalQueue_; }
 
   Ref<dispatch::Queue> externalQueue_;
   Ref<dispatch::Queue> internalQueue_;

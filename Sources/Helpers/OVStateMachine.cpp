@@ -1,5 +1,7 @@
 #include "fennick/Helpers/OVStateMachine.h"
 
+#include <array>
+
 #include <fmt/format.h>
 
 #include <vector>
@@ -71,10 +73,23 @@ OVStateMachineTransition::OVStateMachineTransition(Ref<UUID> handle, Id action, 
       action_(std::move(action)),
       fromState_(std::move(fromState)),
       toState_(std::move(toState)),
-      handler_(std::move(handler)) {}
+      handler_(std::move(handler)),
+      actionHash_(action_ ? action_->hash() : 0),
+      fromStateHash_(fromState_ ? fromState_->hash() : 0) {}
+
+bool OVStateMachineTransition::matches(const Id& action, std::size_t actionHash, const Id& state,
+                                       std::size_t stateHash) const {
+  if (action_ && (actionHash != actionHash_ || !action)) return false;
+  if (fromState_ && (stateHash != fromStateHash_ || !state)) return false;
+  return matches(action, state);
+}
 
 bool OVStateMachineTransition::matches(const Id& action, const Id& state) const {
-  return (!action_ || action_->isEqual(action)) && (!fromState_ || fromState_->isEqual(state));
+  // Identical objects first: small numbers and interned strings usually are.
+  auto same = [](const Id& mine, const Id& theirs) {
+    return !mine || mine == theirs || (theirs && mine->isEqual(theirs.get()));
+  };
+  return same(action_, action) && same(fromState_, state);
 }
 
 bool OVStateMachineTransition::isEqual(const Object* other) const {
@@ -118,9 +133,30 @@ namespace {
 using Callback = std::function<void(const Ref<OVStateMachineTransitionInfo>&)>;
 
 // A callback found while scanning the rules, run once the state has moved.
+// The rule is kept alive so that its handler may be called even if a callback
+// removes the rule first.
 struct PendingCallback {
-  Ref<UUID> handle;
-  Callback callback;
+  Ref<OVStateMachineTransition> rule;
+  Callback byName;  // for rules without a handler: the target method
+  const Callback& callback() const { return rule->handler() ? rule->handler() : byName; }
+};
+
+// Most actions match one or two rules: keep them without allocating.
+class PendingCallbacks {
+ public:
+  void push(PendingCallback entry) {
+    if (size_ < kInline) inline_[size_] = std::move(entry);
+    else spill_.push_back(std::move(entry));
+    ++size_;
+  }
+  std::size_t size() const { return size_; }
+  const PendingCallback& operator[](std::size_t i) const { return i < kInline ? inline_[i] : spill_[i - kInline]; }
+
+ private:
+  static constexpr std::size_t kInline = 4;
+  std::array<PendingCallback, kInline> inline_;
+  std::vector<PendingCallback> spill_;
+  std::size_t size_ = 0;
 };
 
 // The target method a rule without a handler reaches through a string
@@ -195,41 +231,55 @@ bool OVStateMachine::removeTransitionWithHandle(const Id& handle) {
 }
 
 void OVStateMachine::performAction_userInfo(const Id& action, const Ref<Dictionary>& userInfo) {
-  auto info = make<OVStateMachineTransitionInfo>();
+  auto info = spareInfo_ ? std::move(spareInfo_) : make<OVStateMachineTransitionInfo>();
   info->target_ = target_.lock();
   info->stateMachine_ = std::static_pointer_cast<OVStateMachine>(self());
   info->action_ = copyOrNil(action);
   info->fromState_ = state_;
   info->userInfo_ = userInfo ? Dictionary::castObject(userInfo->copy()) : nullptr;
+  const Id& target = info->target_;
+  const bool notifiesTarget =
+      target && target->respondsToSelector(OVStateMachineTarget::didPerformTransitonSelector());
 
   // The scan finishes before any callback runs, so callbacks may change the
   // rules freely; a change made during the scan (from another thread) raises.
-  std::vector<PendingCallback> pending;
-  auto affectedHandles = Array::array();
-  transitions_->enumerateObjectsUsingBlock([&](const Id& object, std::size_t, bool&) {
-    const auto rule = OVStateMachineTransition::castObject(object);
-    if (!rule->matches(info->action_, info->fromState_)) return;
+  PendingCallbacks pending;
+  const std::size_t actionHash = info->action_ ? info->action_->hash() : 0;
+  const std::size_t stateHash = info->fromState_ ? info->fromState_->hash() : 0;
+  for (const Id& object : *transitions_) {
+    auto* rule = static_cast<OVStateMachineTransition*>(object.get());
+    if (!rule->matches(info->action_, actionHash, info->fromState_, stateHash)) continue;
     if (rule->toState()) info->toState_ = rule->toState();
-    Callback callback = rule->handler() ? rule->handler() : targetCallback(info->target_, info->action_);
-    if (!callback) return;
-    affectedHandles->addObject(rule->handle());
-    pending.push_back({rule->handle(), std::move(callback)});
-  });
+    Callback byName = rule->handler() ? nullptr : targetCallback(target, info->action_);
+    if (!rule->handler() && !byName) continue;
+    pending.push({std::static_pointer_cast<OVStateMachineTransition>(object), std::move(byName)});
+  }
 
   if (info->toState_) state_ = info->toState_;
 
-  // Each callback gets a fresh copy made when it runs, so that it sees the
-  // new state and the whole action's destination under its own handle.
-  for (const PendingCallback& entry : pending) {
-    auto own = OVStateMachineTransitionInfo::castObject(info->copy());
-    own->handle_ = entry.handle;
-    entry.callback(own);
+  // Each callback gets its own copy, made when it runs, so that it sees the new
+  // state and the whole action's destination under its own handle. When the
+  // target takes no final notification, nobody else ever sees the original,
+  // so the last callback may have it.
+  for (std::size_t i = 0; i < pending.size(); ++i) {
+    const bool lastUse = !notifiesTarget && i + 1 == pending.size();
+    auto own = lastUse ? info : OVStateMachineTransitionInfo::castObject(info->copy());
+    own->handle_ = pending[i].rule->handle();
+    pending[i].callback()(own);
   }
 
-  const Id& target = info->target_;
-  if (target && target->respondsToSelector(OVStateMachineTarget::didPerformTransitonSelector()))
-    target->performSelector(OVStateMachineTarget::didPerformTransitonSelector(), self(), info,
-                            affectedHandles);
+  if (!notifiesTarget) return recycle(std::move(info));
+  auto affectedHandles = Array::arrayWithCapacity(pending.size());
+  for (std::size_t i = 0; i < pending.size(); ++i) affectedHandles->addObject(pending[i].rule->handle());
+  target->performSelector(OVStateMachineTarget::didPerformTransitonSelector(), self(), info,
+                          affectedHandles);
+  recycle(std::move(info));
+}
+
+void OVStateMachine::recycle(Ref<OVStateMachineTransitionInfo> info) {
+  if (info.use_count() != 1) return;  // a callback kept it
+  info->clear();
+  spareInfo_ = std::move(info);
 }
 
 std::string OVStateMachine::description() const {

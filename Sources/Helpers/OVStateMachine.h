@@ -61,6 +61,13 @@ class OVStateMachineTransitionInfo : public Object {
 
  private:
   friend class OVStateMachine;
+  void clear() {
+    target_ = nullptr;
+    stateMachine_ = nullptr;
+    handle_ = nullptr;
+    action_ = fromState_ = toState_ = nullptr;
+    userInfo_ = nullptr;
+  }
   Id target_;
   Ref<OVStateMachine> stateMachine_;
   Ref<UUID> handle_;
@@ -90,6 +97,9 @@ class OVStateMachineTransition : public Object {
   const OVStateMachineHandler& handler() const noexcept { return handler_; }
   /// Whether the rule applies to `action` performed in `state`.
   bool matches(const Id& action, const Id& state) const;
+  /// The same, given the hashes of action and state: rules whose hashes
+  /// differ are rejected without an equality test.
+  bool matches(const Id& action, std::size_t actionHash, const Id& state, std::size_t stateHash) const;
 
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;
@@ -105,6 +115,8 @@ class OVStateMachineTransition : public Object {
   Id fromState_;
   Id toState_;
   OVStateMachineHandler handler_;
+  std::size_t actionHash_ = 0;
+  std::size_t fromStateHash_ = 0;
 };
 
 /// What a machine's target may implement. The machine finds the methods in
@@ -205,6 +217,9 @@ class OVStateMachine : public Object {
  private:
   std::weak_ptr<Object> target_;
   Id state_;
+  // An info that no callback kept, cleared and ready for the next action.
+  Ref<OVStateMachineTransitionInfo> spareInfo_;
+  void recycle(Ref<OVStateMachineTransitionInfo> info);
   Ref<Array> transitions_;
 };
 

@@ -168,7 +168,7 @@ void Array::enumerateObjectsReverseUsingBlock(
 
 bool Array::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* array = dynamic_cast<const Array*>(other);
+  auto* array = Array::dynamicCastObject(other);
   if (!array || array->objects_.size() != objects_.size()) return false;
   for (std::size_t i = 0; i < objects_.size(); ++i)
     if (!isEqualObject_toObject(objects_[i], array->objects_[i])) return false;

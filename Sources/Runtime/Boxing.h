@@ -56,7 +56,7 @@ T unbox(const Id& value) {
     if (!cast) detail::throwUnboxMismatch(value, "an object of another class");
     return cast;
   } else if constexpr (std::is_arithmetic_v<V> || std::is_enum_v<V>) {
-    auto* number = dynamic_cast<const Number*>(value.get());
+    auto* number = Number::dynamicCastObject(value.get());
     if (!number) detail::throwUnboxMismatch(value, "a number");
     if constexpr (std::is_same_v<V, bool>) return number->boolValue();
     else if constexpr (std::is_floating_point_v<V>) return static_cast<V>(number->doubleValue());
@@ -64,7 +64,7 @@ T unbox(const Id& value) {
     else if constexpr (std::is_signed_v<V>) return static_cast<V>(number->integerValue());
     else return static_cast<V>(number->unsignedIntegerValue());
   } else if constexpr (std::is_same_v<V, std::string>) {
-    auto* string = dynamic_cast<const String*>(value.get());
+    auto* string = String::dynamicCastObject(value.get());
     if (!string) detail::throwUnboxMismatch(value, "a string");
     return string->utf8();
   } else {

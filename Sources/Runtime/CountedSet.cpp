@@ -39,7 +39,7 @@ void CountedSet::removeObject(const Id& object) {
 }
 
 bool CountedSet::isEqual(const Object* other) const {
-  auto* counted = dynamic_cast<const CountedSet*>(other);
+  auto* counted = CountedSet::dynamicCastObject(other);
   if (!counted || !Set::isEqual(other)) return false;
   bool equal = true;
   table_.forEach([&](const Entry& entry) {

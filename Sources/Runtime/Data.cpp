@@ -25,7 +25,7 @@ Ref<Data> Data::dataWithString(std::string_view text) { return dataWithBytes(tex
 
 bool Data::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* data = dynamic_cast<const Data*>(other);
+  auto* data = Data::dynamicCastObject(other);
   return data && data->bytes_ == bytes_;
 }
 

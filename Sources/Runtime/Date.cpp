@@ -36,7 +36,7 @@ std::chrono::system_clock::time_point Date::timePoint() const noexcept {
 
 bool Date::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* date = dynamic_cast<const Date*>(other);
+  auto* date = Date::dynamicCastObject(other);
   return date && date->seconds_ == seconds_;
 }
 

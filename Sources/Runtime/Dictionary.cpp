@@ -10,7 +10,7 @@ namespace {
 std::size_t textHash(std::string_view text) { return std::hash<std::string_view>()(text); }
 
 bool keyHasText(const Object& key, std::string_view text) {
-  auto* string = dynamic_cast<const String*>(&key);
+  auto* string = String::dynamicCastObject(&key);
   return string && string->view() == text;
 }
 
@@ -168,7 +168,7 @@ void Dictionary::enumerateKeysAndObjectsUsingBlock(
 
 bool Dictionary::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* dictionary = dynamic_cast<const Dictionary*>(other);
+  auto* dictionary = Dictionary::dynamicCastObject(other);
   if (!dictionary || dictionary->count() != count()) return false;
   bool equal = true;
   table_.forEach([&](const Entry& entry) {

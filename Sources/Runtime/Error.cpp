@@ -42,12 +42,12 @@ Ref<Error> Error::posixError(int code) {
 }
 
 std::string Error::stringForKey(const char* key) const {
-  auto* text = dynamic_cast<const String*>(userInfo_->objectForKey(key).get());
+  auto* text = String::dynamicCastObject(userInfo_->objectForKey(key).get());
   return text ? text->utf8() : std::string();
 }
 
 std::string Error::localizedDescription() const {
-  if (auto* text = dynamic_cast<const String*>(userInfo_->objectForKey(NSLocalizedDescriptionKey).get()))
+  if (auto* text = String::dynamicCastObject(userInfo_->objectForKey(NSLocalizedDescriptionKey).get()))
     return text->utf8();
   return fmt::format("The operation couldn\u2019t be completed. ({} error {}.)", domain_, code_);
 }
@@ -70,7 +70,7 @@ Ref<Error> Error::underlyingError() const {
 
 bool Error::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* error = dynamic_cast<const Error*>(other);
+  auto* error = Error::dynamicCastObject(other);
   return error && error->code_ == code_ && error->domain_ == domain_ &&
          error->userInfo_->isEqual(userInfo_.get());
 }

@@ -105,6 +105,10 @@ double Number::doubleValue() const noexcept {
 }
 
 std::partial_ordering Number::compare(const Number& other) const noexcept {
+  if (kind_ == other.kind_ && kind_ != Kind::Double) {
+    if (kind_ == Kind::Unsigned) return bits_ <=> other.bits_;
+    return static_cast<std::int64_t>(bits_) <=> static_cast<std::int64_t>(other.bits_);
+  }
   const bool mineDouble = kind_ == Kind::Double;
   const bool theirsDouble = other.kind_ == Kind::Double;
   if (mineDouble && theirsDouble) return doubleValue() <=> other.doubleValue();
@@ -115,7 +119,7 @@ std::partial_ordering Number::compare(const Number& other) const noexcept {
 
 bool Number::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* number = dynamic_cast<const Number*>(other);
+  auto* number = Number::dynamicCastObject(other);
   return number && compare(*number) == std::partial_ordering::equivalent;
 }
 

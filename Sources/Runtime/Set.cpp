@@ -141,7 +141,7 @@ void Set::enumerateObjectsUsingBlock(const std::function<void(const Id&, bool&)>
 
 bool Set::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* set = dynamic_cast<const Set*>(other);
+  auto* set = Set::dynamicCastObject(other);
   if (!set || set->count() != count()) return false;
   bool equal = true;
   table_.forEach([&](const Entry& entry) {

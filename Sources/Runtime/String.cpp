@@ -58,7 +58,7 @@ Ref<String> String::stringWithCapitalizedFirstLetter() const {
 
 bool String::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* string = dynamic_cast<const String*>(other);
+  auto* string = String::dynamicCastObject(other);
   return string && string->hash_ == hash_ && string->text_ == text_;
 }
 

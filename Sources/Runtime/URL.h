@@ -164,7 +164,6 @@ class URL : public Object {
 
   // -- Object --------------------------------------------------------------------------
   /// By absolute string.
-  using Object::isEqual;
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;
   /// The absolute string; for a relative URL "<relative> -- <base>".

@@ -75,7 +75,7 @@ std::string UUID::UUIDString() const {
 
 bool UUID::isEqual(const Object* other) const {
   if (other == this) return true;
-  auto* uuid = dynamic_cast<const UUID*>(other);
+  auto* uuid = UUID::dynamicCastObject(other);
   return uuid && uuid->bytes_ == bytes_;
 }
 
