@@ -15,6 +15,27 @@ constexpr const char* kErrorKey = "error";
 
 Id number(std::int64_t value) { return Number::numberWithInteger(value); }
 
+const Ref<String>& completionHandlerKey() {
+  static const Ref<String> key = String::string(kCompletionHandlerKey);
+  return key;
+}
+const Ref<String>& completionHookKey() {
+  static const Ref<String> key = String::string(kCompletionHookKey);
+  return key;
+}
+const Ref<String>& errorKey() {
+  static const Ref<String> key = String::string(kErrorKey);
+  return key;
+}
+
+// A one-entry user info, frozen so that the state machine need not copy it.
+Ref<Dictionary> userInfoWith(const Ref<String>& key, Id value) {
+  auto info = Dictionary::dictionaryWithCapacity(1);
+  info->setObject_forKey(value, key);
+  info->makeImmutable();
+  return info;
+}
+
 Ref<OVProactorAction> actionOf(const Ref<OVStateMachineTransitionInfo>& info) {
   return OVProactorAction::castObject(info->target());
 }
@@ -112,11 +133,17 @@ void OVProactorGroup::setHandlerBlock(OVProactorHandler handler) {
 
 Ref<OVProactorAction> OVProactorGroup::actionForArgument(const Id& argument) {
   const Id key = argument ? argument : Id(Null::null());
+  {
+    std::shared_lock lock(knownActionsMutex_);
+    if (auto it = knownActions_.find(key); it != knownActions_.end()) return it->second;
+  }
   auto self = std::static_pointer_cast<OVProactorGroup>(Object::self());
   return internalQueue_->sync([&] {
     if (auto existing = OVProactorAction::castObject(actionsByArgument_->objectForKey(key))) return existing;
     auto action = OVProactorAction::initWithGroup_argument(self, key);
     actionsByArgument_->safeSetObject_forKey(action, key);
+    std::unique_lock lock(knownActionsMutex_);
+    knownActions_.emplace(key->copy(), action);
     return action;
   });
 }
@@ -166,14 +193,12 @@ void OVProactorAction::reset() { submit(OVProactorActionEventReset); }
 
 void OVProactorAction::addCompletionHandler(OVProactorCompletionHandler handler) {
   auto self = std::static_pointer_cast<OVProactorAction>(Object::self());
-  auto info = Dictionary::dictionaryWithStringKeys(
-      {{kCompletionHandlerKey, BlockObject::blockWithFunction(std::move(handler))}});
+  auto info = userInfoWith(completionHandlerKey(), BlockObject::blockWithFunction(std::move(handler)));
   internalQueue_->async([self, info] { self->perform(OVProactorActionEventAddCompletionHandler, info); });
 }
 
 void OVProactorAction::addCompletionHook(OVProactorCompletionHook hook) {
-  auto info = Dictionary::dictionaryWithStringKeys(
-      {{kCompletionHookKey, BlockObject::blockWithFunction(std::move(hook))}});
+  auto info = userInfoWith(completionHookKey(), BlockObject::blockWithFunction(std::move(hook)));
   internalQueue_->sync([&] { perform(OVProactorActionEventAddCompletionHook, info); });
 }
 
@@ -190,10 +215,10 @@ void OVProactorAction::updateWithBlock(const std::function<void(const Ref<Dictio
 }
 
 void OVProactorAction::setError(const Ref<Error>& error) {
-  setObject_forKeyedSubscript(error ? error->copy() : nullptr, String::string(kErrorKey));
+  setObject_forKeyedSubscript(error ? error->copy() : nullptr, errorKey());
 }
 
-Ref<Error> OVProactorAction::error() { return Error::dynamicCastObject(objectForKey(String::string(kErrorKey))); }
+Ref<Error> OVProactorAction::error() { return Error::dynamicCastObject(objectForKey(errorKey())); }
 
 bool OVProactorAction::stateIs(OVProactorActionState state) {
   return internalQueue_->sync([&] { return Object::isEqualObject_toObject(stateMachine_->state(), number(state)); });

@@ -23,6 +23,8 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
+#include <unordered_map>
 #include <vector>
 
 namespace fennick {
@@ -128,6 +130,11 @@ class OVProactorGroup : public Object {
   OVProactorHandler handlerBlock_;
   const Ref<dispatch::Queue> internalQueue_;
   const Ref<Dictionary> actionsByArgument_ = Dictionary::dictionary();  // internal queue only
+  // Actions are never removed from a group, so an action found here is the
+  // one the queue would answer: repeat requests need not wait behind the
+  // queue's backlog. Written on the internal queue when an action is made.
+  mutable std::shared_mutex knownActionsMutex_;
+  std::unordered_map<Id, Ref<OVProactorAction>, IdHash, IdEqual> knownActions_;
 };
 
 class OVProactorAction : public Object {

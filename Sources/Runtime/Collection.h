@@ -19,6 +19,9 @@ class Collection : public Object {
   bool isMutable() const noexcept { return mutable_; }
   /// A mutable shallow copy.
   virtual Id mutableCopy() const = 0;
+  /// Freezes the collection: later mutations throw, and copy() returns it
+  /// as it is. For collections built once and then shared.
+  void makeImmutable() noexcept { mutable_ = false; }
   /// Throws Exception (NSGenericException) when the collection changed since a
   /// walk saw `seen` mutations.
   void checkNotMutatedSince(std::uint64_t seen) const;
@@ -27,7 +30,6 @@ class Collection : public Object {
   Collection() = default;
 
   void willMutate(const char* operation);
-  void makeImmutable() noexcept { mutable_ = false; }
   std::uint64_t mutations() const noexcept { return mutations_; }
   static void requireNonNil(const Id& object, const char* operation, const char* what = "object");
   [[noreturn]] void throwIndexOutOfRange(const char* operation, std::size_t index) const;
