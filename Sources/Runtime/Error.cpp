@@ -3,7 +3,10 @@
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Null.h"
 
 #include <cstring>
 
@@ -93,13 +96,25 @@ void Error::encodeWithCoder(Coder& coder) const {
   if (userInfo_->count()) coder.encodeObject_forKey(userInfo_, "NSUserInfo");
 }
 
+namespace {
+
+// What an error's user info may hold when decoded: property-list values, the
+// null marker, URLs and nested errors (underlying errors).
+ClassList userInfoClasses() {
+  ClassList classes{Dictionary::staticClass(), Array::staticClass(), String::staticClass(),
+                    Number::staticClass(),     Data::staticClass(),  Date::staticClass(),
+                    Null::staticClass(),       Error::staticClass()};
+  if (const Class* url = Class::named("NSURL")) classes.push_back(url);
+  return classes;
+}
+
+}  // namespace
+
 void Error::initWithCoder(Coder& coder) {
   code_ = coder.decodeInt64ForKey("NSCode");
-  if (auto domain = String::dynamicCastObject(
-          coder.decodeObjectOfClasses_forKey(coder.allowedClasses(), "NSDomain")))
+  if (auto domain = String::dynamicCastObject(coder.decodeObjectOfClass_forKey(String::staticClass(), "NSDomain")))
     domain_ = domain->utf8();
-  if (auto info = Dictionary::dynamicCastObject(
-          coder.decodeObjectOfClasses_forKey(coder.allowedClasses(), "NSUserInfo")))
+  if (auto info = Dictionary::dynamicCastObject(coder.decodeObjectOfClasses_forKey(userInfoClasses(), "NSUserInfo")))
     userInfo_ = std::static_pointer_cast<Dictionary>(info->copy());
 }
 
