@@ -166,10 +166,14 @@ class Writer {
 
  private:
   PlistOwner fail(const Object& object, std::string_view what) {
-    if (!error)
-      error = plistError(NSPropertyListWriteInvalidError,
-                         fmt::format("Property list invalid: {} ({} {})", what,
-                                     object.objectClass()->name(), object.description().substr(0, 200)));
+    if (!error) {
+      // Containers are named, not described: they may hold themselves.
+      auto* collection = dynamic_cast<const Collection*>(&object);
+      const std::string shown = collection ? fmt::format("with {} members", collection->count())
+                                           : object.description().substr(0, 200);
+      error = plistError(NSPropertyListWriteInvalidError, fmt::format("Property list invalid: {} ({} {})", what,
+                                                                      object.objectClass()->name(), shown));
+    }
     return nullptr;
   }
 
