@@ -1,6 +1,9 @@
 #include "fennick/Runtime/KeyedUnarchiver.h"
 
+#include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Set.h"
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Error.h"
 #include "fennick/Runtime/Number.h"
@@ -72,6 +75,23 @@ struct KeyedUnarchiver::State {
   };
   std::vector<Frame> frames;
   std::string keyBuffer;
+  // Objects made by the current top-level decode; emptied when it fails.
+  std::vector<Id> madeByThisCall;
+
+  bool atTopLevel() const { return frames.size() == 1; }
+
+  // A failed decode hands nothing back, but what it made may hold cycles
+  // (archives can make a collection contain itself); emptying the collections
+  // lets the whole partial graph go.
+  void discardPartialGraph() {
+    for (const Id& object : madeByThisCall) {
+      if (auto* array = dynamic_cast<Array*>(object.get()); array && array->isMutable()) array->removeAllObjects();
+      else if (auto* dictionary = dynamic_cast<Dictionary*>(object.get()); dictionary && dictionary->isMutable())
+        dictionary->removeAllObjects();
+      else if (auto* set = dynamic_cast<Set*>(object.get()); set && set->isMutable()) set->removeAllObjects();
+    }
+    madeByThisCall.clear();
+  }
 
   void fail(std::int64_t code, std::string why) {
     if (!error) error = detail::coderError(code, std::move(why));
@@ -190,6 +210,7 @@ struct KeyedUnarchiver::State {
     // Registered before its contents, so that cycles come back to it.
     decoded[uid] = instance;
     status[uid] = Status::Decoding;
+    madeByThisCall.push_back(instance);
     frames.push_back({objects[uid], &allowed});
     try {
       instance->initWithCoder(coder);
@@ -203,6 +224,16 @@ struct KeyedUnarchiver::State {
 
   Id decodeField(KeyedUnarchiver& coder, const ClassList& allowed, std::string_view key) {
     if (error) return nullptr;
+    if (atTopLevel()) {
+      Id result = decodeReference(coder, allowed, key);
+      if (error) discardPartialGraph();
+      madeByThisCall.clear();
+      return error ? nullptr : result;
+    }
+    return decodeReference(coder, allowed, key);
+  }
+
+  Id decodeReference(KeyedUnarchiver& coder, const ClassList& allowed, std::string_view key) {
     plist_t node = field(key);
     if (!node) return nullptr;
     std::uint64_t uid = 0;

@@ -17,6 +17,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <random>
+#include <set>
+
 namespace fennick {
 
 // A class of ours that archives itself: a name, a child decoded with a
@@ -278,6 +281,51 @@ TEST(KeyedArchiver, MalformedArchivesFailWithAnError) {
   EXPECT_EQ(unarchive(kPlistClasses, xml(objects(deep)), &error), nullptr);
   ASSERT_TRUE(error);
   EXPECT_NE(error->description().find("nested"), std::string::npos) << error->description();
+}
+
+// Damage can make a decoded collection hold itself; emptying every
+// collection of the graph lets it go.
+void breakCycles(const Id& object) {
+  std::vector<Id> pending{object};
+  std::set<const Object*> seen;
+  while (!pending.empty()) {
+    Id next = pending.back();
+    pending.pop_back();
+    if (!next || !seen.insert(next.get()).second) continue;
+    if (auto array = Array::dynamicCastObject(next); array && array->isMutable()) {
+      for (const Id& member : *array) pending.push_back(member);
+      array->removeAllObjects();
+    } else if (auto dictionary = Dictionary::dynamicCastObject(next); dictionary && dictionary->isMutable()) {
+      for (const auto& entry : *dictionary) pending.insert(pending.end(), {entry.key, entry.value});
+      dictionary->removeAllObjects();
+    } else if (auto error = Error::dynamicCastObject(next)) {
+      for (const auto& entry : *error->userInfo()) pending.insert(pending.end(), {entry.key, entry.value});
+    }
+  }
+}
+
+TEST(KeyedArchiver, DamagedArchivesNeverCrash) {
+  auto graph = Dictionary::dictionaryWithStringKeys(
+      {{"list", Array::arrayWithObjects({"a"_s, Number::of(-1), Date::date(), Data::dataWithString("xyz")})},
+       {"error", Error::errorWithDomain_code_description("D", 1, "d")}});
+  const std::vector<std::uint8_t> original = archive(graph)->vector();
+  const ClassList allowed{Dictionary::staticClass(), Array::staticClass(), String::staticClass(),
+                          Number::staticClass(),     Date::staticClass(),  Data::staticClass(),
+                          Error::staticClass()};
+  std::mt19937 random(1234);
+  int refused = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::vector<std::uint8_t> bytes = original;
+    const int flips = 1 + static_cast<int>(random() % 4);
+    for (int i = 0; i < flips; ++i) bytes[random() % bytes.size()] = static_cast<std::uint8_t>(random());
+    if (round % 7 == 0) bytes.resize(random() % bytes.size());
+    Ref<Error> error;
+    Id decoded = unarchive(allowed, Data::dataWithBytes(std::move(bytes)), &error);
+    EXPECT_TRUE(decoded || error);
+    refused += decoded ? 0 : 1;
+    breakCycles(decoded);
+  }
+  EXPECT_GT(refused, 0);
 }
 
 TEST(KeyedArchiver, DecodesArchivesWrittenByAnotherImplementation) {
