@@ -112,15 +112,20 @@ TEST(KeyedArchiver, IndependentReaderSeesThePlatformLayout) {
       {"when", Date::dateWithTimeIntervalSinceReferenceDate(12.5)},
       {"uuid", uuid},
       {"error", Error::errorWithDomain_code_description("Domain", -7, "broken")},
+      {"text", String::string("caf\u00e9 \U0001F600, more than fourteen characters")},
   });
+  // Enough objects that references need two bytes.
+  auto many = Array::array();
+  for (int i = 0; i < 300; ++i) many->addObject(String::format("s{}", i));
+  root->setObject_forKey(many, "many");
   const json graph = readWithPython(archive(root));
   ASSERT_TRUE(graph.is_object());
   const json& top = graph["top"]["root"];
   EXPECT_EQ(top["$classes"], json({"NSMutableDictionary", "NSDictionary", "NSObject"}));
-  ASSERT_EQ(top["NS.keys"].size(), 6u);
+  ASSERT_EQ(top["NS.keys"].size(), 8u);
 
   std::map<std::string, json> entries;
-  for (std::size_t i = 0; i < 6; ++i) entries[top["NS.keys"][i]] = top["NS.objects"][i];
+  for (std::size_t i = 0; i < 8; ++i) entries[top["NS.keys"][i]] = top["NS.objects"][i];
   const json& members = entries["list"]["NS.objects"];
   EXPECT_EQ(entries["list"]["$classes"], json({"NSMutableArray", "NSArray", "NSObject"}));
   EXPECT_EQ(members[0], -5);
@@ -138,6 +143,9 @@ TEST(KeyedArchiver, IndependentReaderSeesThePlatformLayout) {
   EXPECT_EQ(entries["error"]["NSCode"], -7);
   EXPECT_EQ(entries["error"]["NSDomain"], "Domain");
   EXPECT_EQ(entries["error"]["NSUserInfo"]["NS.objects"], json({"broken"}));
+  EXPECT_EQ(entries["text"], "caf\u00e9 \U0001F600, more than fourteen characters");
+  ASSERT_EQ(entries["many"]["NS.objects"].size(), 300u);
+  EXPECT_EQ(entries["many"]["NS.objects"][299], "s299");
 
   Ref<Error> error;
   ClassList allowed = kPlistClasses;
