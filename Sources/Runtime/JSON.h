@@ -12,7 +12,8 @@
 // booleans. Text is parsed as it streams (no intermediate document).
 //
 // Reading fails, answering nil and an error (NSCocoaErrorDomain,
-// NSPropertyListReadCorruptError = 3840, as the platform reports JSON errors)
+// NSPropertyListReadCorruptError = 3840 from PropertyList.h, as the platform
+// reports JSON errors)
 // whose NSDebugDescription says what and where, and whose
 // "NSJSONSerializationErrorIndex" holds the byte offset, for: malformed JSON,
 // invalid UTF-8 in strings, trailing text, nesting deeper than maxDepth, and a

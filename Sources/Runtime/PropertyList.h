@@ -18,7 +18,8 @@
 // Integers: signed values from INT64_MIN to INT64_MAX and unsigned values up to
 // UINT64_MAX keep their sign and kind in both directions (unsigned values above
 // INT64_MAX are stored in the 128-bit form other readers expect).
-// Dates: XML keeps whole seconds; binary keeps microseconds. Strings are UTF-8
+// Dates: XML keeps whole seconds (truncated toward 2001); binary keeps
+// microseconds. Strings are UTF-8
 // text without embedded NUL characters.
 //
 // Reading answers mutable arrays and dictionaries. All functions are
