@@ -3,9 +3,16 @@
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/KeyedArchiver.h"
+#include "fennick/Runtime/Null.h"
+#include "fennick/Runtime/Set.h"
 
 #include <cstring>
+#include <unordered_set>
+#include <vector>
 
 namespace fennick {
 
@@ -93,14 +100,54 @@ void Error::encodeWithCoder(Coder& coder) const {
   if (userInfo_->count()) coder.encodeObject_forKey(userInfo_, "NSUserInfo");
 }
 
+namespace {
+
+// What an error's user info may hold when decoded: property-list values, the
+// null marker, URLs and nested errors (underlying errors).
+ClassList userInfoClasses() {
+  ClassList classes{Dictionary::staticClass(), Array::staticClass(), String::staticClass(),
+                    Number::staticClass(),     Data::staticClass(),  Date::staticClass(),
+                    Null::staticClass(),       Error::staticClass()};
+  if (const Class* url = Class::named("NSURL")) classes.push_back(url);
+  return classes;
+}
+
+// Whether `target` can be reached from `root` through collections and the
+// user info of errors: a decoded error whose user info leads back to it would
+// form a cycle that its immutable copy of the user info keeps alive forever.
+bool leadsTo(const Object* root, const Error* target) {
+  std::vector<const Object*> pending{root};
+  std::unordered_set<const Object*> seen;
+  while (!pending.empty()) {
+    const Object* next = pending.back();
+    pending.pop_back();
+    if (next == target) return true;
+    if (!next || !seen.insert(next).second) continue;
+    if (auto* array = dynamic_cast<const Array*>(next)) {
+      for (const Id& member : *array) pending.push_back(member.get());
+    } else if (auto* set = dynamic_cast<const Set*>(next)) {
+      for (const Id& member : *set) pending.push_back(member.get());
+    } else if (auto* dictionary = dynamic_cast<const Dictionary*>(next)) {
+      for (const auto& entry : *dictionary) pending.insert(pending.end(), {entry.key.get(), entry.value.get()});
+    } else if (auto* error = dynamic_cast<const Error*>(next)) {
+      pending.push_back(error->userInfo().get());
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 void Error::initWithCoder(Coder& coder) {
   code_ = coder.decodeInt64ForKey("NSCode");
-  if (auto domain = String::dynamicCastObject(
-          coder.decodeObjectOfClasses_forKey(coder.allowedClasses(), "NSDomain")))
+  if (auto domain = String::dynamicCastObject(coder.decodeObjectOfClass_forKey(String::staticClass(), "NSDomain")))
     domain_ = domain->utf8();
-  if (auto info = Dictionary::dynamicCastObject(
-          coder.decodeObjectOfClasses_forKey(coder.allowedClasses(), "NSUserInfo")))
-    userInfo_ = std::static_pointer_cast<Dictionary>(info->copy());
+  auto info = Dictionary::dynamicCastObject(coder.decodeObjectOfClasses_forKey(userInfoClasses(), "NSUserInfo"));
+  if (!info) return;
+  if (leadsTo(info.get(), this))
+    return coder.failWithError(errorWithDomain_code_description(
+        NSCocoaErrorDomain, NSCoderReadCorruptError, "The user info of an error refers back to the error."));
+  userInfo_ = std::static_pointer_cast<Dictionary>(info->copy());
 }
 
 }  // namespace fennick

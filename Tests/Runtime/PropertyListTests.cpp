@@ -1,0 +1,165 @@
+#include "fennick/Runtime/Array.h"
+#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Date.h"
+#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/Null.h"
+#include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/PropertyList.h"
+#include "fennick/Runtime/Set.h"
+#include "fennick/Runtime/String.h"
+
+#include "Runtime/PythonReader.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace fennick {
+namespace {
+
+using nlohmann::json;
+using testing::runPython;
+using testing::TemporaryFile;
+
+constexpr PropertyListFormat kFormats[] = {PropertyListFormat::XML, PropertyListFormat::Binary};
+
+Ref<Data> write(const Id& plist, PropertyListFormat format, Ref<Error>* error = nullptr) {
+  return PropertyList::dataWithPropertyList_format_error(plist, format, error);
+}
+
+Id read(const Ref<Data>& data, PropertyListFormat* format = nullptr, Ref<Error>* error = nullptr) {
+  return PropertyList::propertyListWithData_format_error(data, format, error);
+}
+
+json dumpWithPython(const Ref<Data>& data) {
+  TemporaryFile file;
+  file.write(data);
+  int status = 0;
+  const std::string output = runPython("property_list_tool.py", "dump '" + file.path() + "'", &status);
+  EXPECT_EQ(status, 0) << output;
+  return json::parse(output, nullptr, false);
+}
+
+Ref<Dictionary> sample() {
+  return Dictionary::dictionaryWithStringKeys({
+      {"integers", Array::arrayWithObjects({Number::of(-5), Number::of(INT64_MIN), Number::of(INT64_MAX),
+                                            Number::of(UINT64_MAX), Number::of(std::uint64_t{1} << 63)})},
+      {"real", Number::of(-2.5)},
+      {"flags", Array::arrayWithObjects({Number::numberWithBool(true), Number::numberWithBool(false)})},
+      {"text", String::string("caf\u00e9 \u2603 <&>")},
+      {"bytes", Data::dataWithString(std::string("\x00\xff", 2))},
+      {"past", Date::dateWithTimeIntervalSinceReferenceDate(-86400.25)},
+      {"nested", Dictionary::dictionaryWithStringKeys({{"empty", Array::array()}})},
+  });
+}
+
+TEST(PropertyList, RoundTripsEveryTypeInBothFormatsAndPythonAgrees) {
+  for (PropertyListFormat format : kFormats) {
+    const bool binary = format == PropertyListFormat::Binary;
+    Ref<Error> error;
+    Ref<Data> data = write(sample(), format, &error);
+    ASSERT_TRUE(data) << error->description();
+
+    PropertyListFormat found{};
+    auto decoded = Dictionary::dynamicCastObject(read(data, &found, &error));
+    ASSERT_TRUE(decoded) << error->description();
+    EXPECT_EQ(found, format);
+    // XML keeps whole seconds of dates (truncated); everything else is exact.
+    auto past = Date::castObject(decoded->objectForKey("past"));
+    EXPECT_DOUBLE_EQ(past->timeIntervalSinceReferenceDate(), binary ? -86400.25 : -86400);
+    decoded->removeObjectForKey("past");
+    auto expected = sample();
+    expected->removeObjectForKey("past");
+    EXPECT_TRUE(decoded->isEqual(expected.get())) << decoded->description();
+    auto integers = Array::castObject(decoded->objectForKey("integers"));
+    EXPECT_EQ(Number::castObject(integers->objectAtIndex(1))->kind(), Number::Kind::Signed);
+    EXPECT_EQ(Number::castObject(integers->objectAtIndex(3))->kind(), Number::Kind::Unsigned);
+    EXPECT_EQ(Number::castObject(integers->objectAtIndex(4))->unsignedIntegerValue(), std::uint64_t{1} << 63);
+
+    const json python = dumpWithPython(data);
+    ASSERT_TRUE(python.is_object()) << (binary ? "binary" : "xml");
+    EXPECT_EQ(python["integers"][0], -5);
+    EXPECT_EQ(python["integers"][1], INT64_MIN);
+    EXPECT_EQ(python["integers"][2], INT64_MAX);
+    EXPECT_EQ(python["integers"][3].get<std::uint64_t>(), UINT64_MAX);
+    EXPECT_EQ(python["integers"][4].get<std::uint64_t>(), std::uint64_t{1} << 63);
+    EXPECT_EQ(python["real"]["$real"], -2.5);
+    EXPECT_EQ(python["flags"], json({true, false}));
+    EXPECT_EQ(python["text"], "caf\u00e9 \u2603 <&>");
+    EXPECT_EQ(python["bytes"]["$bytes"], "00ff");
+    EXPECT_DOUBLE_EQ(python["past"]["$date"].get<double>(), binary ? -86400.25 : -86400);
+  }
+}
+
+TEST(PropertyList, ReadsListsWrittenByPython) {
+  for (const char* format : {"xml", "binary"}) {
+    TemporaryFile file;
+    int status = 0;
+    runPython("property_list_tool.py", "write '" + file.path() + "' " + format, &status);
+    ASSERT_EQ(status, 0);
+    Ref<Error> error;
+    auto plist = Dictionary::dynamicCastObject(read(file.read(), nullptr, &error));
+    ASSERT_TRUE(plist) << format << ": " << error->description();
+    auto integers = Array::castObject(plist->objectForKey("integers"));
+    ASSERT_EQ(integers->count(), 6u) << format;
+    auto number = [&](std::size_t i) { return Number::castObject(integers->objectAtIndex(i)); };
+    EXPECT_EQ(number(0)->integerValue(), -5) << format;
+    EXPECT_EQ(number(1)->kind(), Number::Kind::Unsigned) << format;
+    EXPECT_EQ(number(1)->unsignedIntegerValue(), UINT64_MAX) << format;
+    EXPECT_EQ(number(2)->kind(), Number::Kind::Unsigned) << format;
+    EXPECT_EQ(number(3)->kind(), Number::Kind::Signed) << format;
+    EXPECT_EQ(number(3)->integerValue(), INT64_MIN) << format;
+    EXPECT_EQ(number(4)->integerValue(), INT64_MAX) << format;
+    EXPECT_EQ(Date::castObject(plist->objectForKey("when"))->timeIntervalSinceReferenceDate(), -86400) << format;
+    EXPECT_TRUE(plist->objectForKey("text")->isEqual("caf\u00e9 \u2603"_s)) << format;
+    EXPECT_EQ(plist->objectForKey("flag"), Number::numberWithBool(false)) << format;
+  }
+}
+
+TEST(PropertyList, MalformedDataGivesCorruptError) {
+  const std::string inputs[] = {
+      "",
+      "not a property list",
+      "<plist><array><integer>1</integer>",
+      std::string("bplist00\xd1\x01\x02\x00\x00", 13),
+      "<plist version=\"1.0\"><dict><string>no key</string></dict></plist>",
+      "<plist version=\"1.0\"><unknown/></plist>",
+  };
+  for (const std::string& input : inputs) {
+    Ref<Error> error;
+    EXPECT_EQ(read(Data::dataWithString(input), nullptr, &error), nullptr) << input;
+    ASSERT_TRUE(error) << input;
+    EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+    EXPECT_EQ(error->code(), NSPropertyListReadCorruptError);
+  }
+}
+
+TEST(PropertyList, RefusesWhatAPropertyListCannotHold) {
+  auto cyclic = Array::array();
+  cyclic->addObject(cyclic);
+  Id deep = Array::array();
+  for (std::size_t i = 0; i <= PropertyList::maxDepth; ++i) deep = Array::arrayWithObjects({deep});
+  const std::pair<const char*, Id> cases[] = {
+      {"Null", Array::arrayWithObjects({Null::null()})},
+      {"Set", Set::setWithObjects({"a"_s})},
+      {"keys must be strings", Dictionary::dictionaryWithObjectsAndKeys({{Number::of(1), "v"_s}})},
+      {"holds itself", cyclic},
+      {"nested too deeply", deep},
+      {"NUL", String::string(std::string_view("a\0b", 3))},
+      {"date", Date::dateWithTimeIntervalSinceReferenceDate(1e12)},
+  };
+  for (const auto& [culprit, plist] : cases) {
+    for (PropertyListFormat format : kFormats) {
+      Ref<Error> error;
+      EXPECT_EQ(write(plist, format, &error), nullptr) << culprit;
+      ASSERT_TRUE(error) << culprit;
+      EXPECT_EQ(error->code(), NSPropertyListWriteInvalidError);
+      EXPECT_NE(error->description().find(culprit), std::string::npos) << error->description();
+    }
+    EXPECT_FALSE(PropertyList::propertyList_isValidForFormat(plist, PropertyListFormat::Binary));
+  }
+  cyclic->removeAllObjects();
+}
+
+}  // namespace
+}  // namespace fennick
