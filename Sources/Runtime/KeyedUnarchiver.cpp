@@ -66,6 +66,7 @@ struct KeyedUnarchiver::State {
   std::vector<Id> decoded;
   std::vector<Status> status;
   std::vector<const Class*> classOfEntry;  // cached class of each entry
+  std::vector<bool> archivedImmutable;     // named by a class's immutable form ("NSArray")
   bool secure = true;
   Ref<Error> error;
 
@@ -142,6 +143,10 @@ struct KeyedUnarchiver::State {
     }
     const std::string_view className(text, length);
     const Class* cls = Class::named(className);
+    // The immutable form of a class that serves a mutable one too ("NSArray",
+    // whose class also answers to "NSMutableArray").
+    archivedImmutable[uid] = cls && className.starts_with("NS") && !className.starts_with("NSMutable") &&
+                             Class::named(fmt::format("NSMutable{}", className.substr(2))) == cls;
     if (!cls) corrupt(fmt::format("cannot decode object of class ({}) for key ({}): the class is unknown", className, key));
     return cls;
   }
@@ -219,6 +224,10 @@ struct KeyedUnarchiver::State {
     }
     frames.pop_back();
     status[uid] = Status::Done;
+    // An NSArray comes back immutable, an NSMutableArray mutable, so that the
+    // object archives again under the name it came with.
+    if (archivedImmutable[uid])
+      if (auto collection = Collection::dynamicCastObject(instance)) collection->makeImmutable();
     return error ? nullptr : instance;
   }
 
@@ -300,6 +309,7 @@ std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::initForReadingFromData_error(c
   state->decoded.resize(state->objects.size());
   state->status.resize(state->objects.size(), Status::Untouched);
   state->classOfEntry.resize(state->objects.size(), nullptr);
+  state->archivedImmutable.resize(state->objects.size(), false);
   state->frames.push_back({top, nullptr});
   return std::unique_ptr<KeyedUnarchiver>(new KeyedUnarchiver(std::move(state)));
 }

@@ -358,3 +358,26 @@ TEST(KeyedArchiver, DecodesArchivesWrittenByAnotherImplementation) {
 
 }  // namespace
 }  // namespace fennick
+
+namespace fennick {
+namespace {
+
+TEST(KeyedArchiverMutability, CollectionsComeBackInTheFormTheyWereArchivedIn) {
+  auto frozen = Array::arrayWithObjects({"a"_s});
+  frozen->makeImmutable();
+  auto container = Array::arrayWithObjects({frozen, Array::arrayWithObjects({"b"_s}),
+                                            CountedSet::countedSetWithArray(Array::arrayWithObjects({"c"_s}))});
+  Ref<Error> error;
+  auto data = KeyedArchiver::archivedDataWithRootObject_requiringSecureCoding_error(container, true, &error);
+  ASSERT_TRUE(data) << error->description();
+  auto decoded = Array::dynamicCastObject(KeyedUnarchiver::unarchivedObjectOfClasses_fromData_error(
+      {Array::staticClass(), String::staticClass(), CountedSet::staticClass()}, data, &error));
+  ASSERT_TRUE(decoded) << error->description();
+  EXPECT_TRUE(decoded->isMutable());
+  EXPECT_FALSE(Array::castObject(decoded->objectAtIndex(0))->isMutable());
+  EXPECT_TRUE(Array::castObject(decoded->objectAtIndex(1))->isMutable());
+  EXPECT_TRUE(CountedSet::castObject(decoded->objectAtIndex(2))->isMutable());
+}
+
+}  // namespace
+}  // namespace fennick
