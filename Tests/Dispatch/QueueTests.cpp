@@ -197,7 +197,7 @@ TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {
   busy->async([&] { eventually([&] { return waiting.load() == kCallers; }); });
   auto pool = global(QOS_CLASS_DEFAULT);
   for (int i = 0; i < kCallers; ++i) {
-    pool->async([&] {
+    pool->async([&, busy] {
       waiting.fetch_add(1);
       busy->sync([&] { completed.fetch_add(1); });
     });

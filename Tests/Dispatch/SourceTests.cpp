@@ -70,10 +70,10 @@ TEST(Source, DataOrCoalescesMergesIntoOneRunWithTheirUnion) {
   auto source = Source::createDataOr(queue);
   Recorder recorder;
   recorder.attach(source);
-  source->mergeData(1);  // kept while suspended
-  source->resume();
   std::atomic<bool> gate{false};
   queue->async([&] { eventually([&] { return gate.load(); }); });
+  source->mergeData(1);  // kept while suspended
+  source->resume();
   source->mergeData(2);
   source->mergeData(4);
   source->mergeData(0);
