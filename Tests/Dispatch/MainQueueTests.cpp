@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -66,4 +67,14 @@ TEST(MainQueueDeathTest, SyncOntoTheMainQueueFromTheMainThreadAborts) {
   EXPECT_DEATH(mainQueue()->sync([] {}), "fennick.main");
   EXPECT_DEATH(std::thread([] { runMainQueueUntil([] { return true; }, 1ms); }).join(),
                "off the main thread");
+}
+
+TEST(MainQueueDeathTest, MainServesTheQueueUntilABlockEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        std::thread([] { mainQueue()->async([] { std::exit(isMainThread() ? 3 : 4); }); }).join();
+        dispatch::main();
+      },
+      ::testing::ExitedWithCode(3), "");
 }
