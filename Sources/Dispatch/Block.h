@@ -126,8 +126,10 @@ class Block {
     other.ops_ = nullptr;
   }
 
-  alignas(void*) unsigned char storage_[kInlineCapacity];
+  // The operations come first: running a small block then touches the
+  // item's first cache line only.
   const Ops* ops_ = nullptr;
+  alignas(void*) unsigned char storage_[kInlineCapacity];
 };
 
 }  // namespace fennick::dispatch

@@ -121,15 +121,15 @@ void Source::setTimer(Time start, std::uint64_t intervalNanos, std::uint64_t) {
   if (start.isWallClock() != timerOnWallClock_ && !openTimer(start.isWallClock())) {
     internal::fail("cannot create a timer descriptor");
   }
-  itimerspec spec{};
+  itimerspec setting{};
   if (!start.isForever()) {
-    spec.it_value = toTimespec(nanosecondsSinceEpoch(start));
+    setting.it_value = toTimespec(nanosecondsSinceEpoch(start));
     constexpr auto kMaxInterval = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     if (intervalNanos != 0 && intervalNanos <= kMaxInterval) {
-      spec.it_interval = toTimespec(static_cast<std::int64_t>(intervalNanos));
+      setting.it_interval = toTimespec(static_cast<std::int64_t>(intervalNanos));
     }
   }
-  timerfd_settime(fd_, TFD_TIMER_ABSTIME, &spec, nullptr);
+  timerfd_settime(fd_, TFD_TIMER_ABSTIME, &setting, nullptr);
   pending_ = 0;
   hasPending_ = false;
 }

@@ -28,6 +28,8 @@ TEST(Queue, SyncRunsOnTheCallingThreadAndPassesResultsAndExceptions) {
   auto queue = Queue::createSerial("sync");
   const auto caller = std::this_thread::get_id();
   EXPECT_EQ(queue->sync([] { return std::this_thread::get_id(); }), caller);
+  EXPECT_EQ(Queue::createConcurrent("inline")->sync([] { return std::this_thread::get_id(); }), caller);
+  EXPECT_EQ(global()->sync([] { return std::this_thread::get_id(); }), caller);
   int value = 1;
   int& reference = queue->sync([&value]() -> int& { return value; });
   EXPECT_EQ(&reference, &value);
@@ -197,7 +199,7 @@ TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {
   busy->async([&] { eventually([&] { return waiting.load() == kCallers; }); });
   auto pool = global(QOS_CLASS_DEFAULT);
   for (int i = 0; i < kCallers; ++i) {
-    pool->async([&] {
+    pool->async([&, busy] {
       waiting.fetch_add(1);
       busy->sync([&] { completed.fetch_add(1); });
     });

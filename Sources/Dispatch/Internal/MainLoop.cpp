@@ -13,11 +13,8 @@ MainLoop::MainLoop() : Queue("fennick.main-loop", QOS_CLASS_USER_INTERACTIVE, Ki
 
 MainLoop& MainLoop::shared() {
   // Immortal, like the worker pool: blocks may reach it while the process exits.
-  static MainLoop* loop = [] {
-    auto* holder = new Ref<MainLoop>(std::make_shared<MainLoop>());
-    return holder->get();
-  }();
-  return *loop;
+  static const Ref<MainLoop>* loop = new Ref<MainLoop>(std::make_shared<MainLoop>());
+  return **loop;
 }
 
 const Ref<Queue>& MainLoop::mainQueue() {

@@ -36,6 +36,7 @@ class MpscQueue {
     }
     if (next != nullptr) {
       tail_ = next;
+      __builtin_prefetch(next);  // the consumer's next pop reads it
       return tail;
     }
     if (tail != head_.load(std::memory_order_acquire)) return nullptr;

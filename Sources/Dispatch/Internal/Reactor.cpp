@@ -52,6 +52,7 @@ Ref<Reactor> Reactor::acquire() {
 
 Reactor::Reactor() : core_(std::make_shared<Core>()) {
   thread_ = std::thread([core = core_] { loop(core); });
+  pthread_setname_np(thread_.native_handle(), "fennick-reactor");
 }
 
 Reactor::~Reactor() {
@@ -90,7 +91,6 @@ void Reactor::remove(int fd, std::uint64_t id) {
 }
 
 void Reactor::loop(const Ref<Core>& core) {
-  pthread_setname_np(pthread_self(), "fennick-reactor");
   constexpr int kBatch = 64;
   epoll_event events[kBatch];
   while (!core->stopping.load(std::memory_order_acquire)) {
