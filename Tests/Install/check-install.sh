@@ -10,9 +10,9 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-LD_LIBRARY_PATH="$work/prefix/lib" "$work/cmake-build/consumer" | grep -qx "consumer: ok"
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/cmake-build/consumer" | grep -q "^consumer: ok$"
 
 export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
-g++ "$consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs fennick)
-LD_LIBRARY_PATH="$work/prefix/lib" "$work/pc-consumer" | grep -qx "consumer: ok"
+g++ -std=c++20 "$consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs fennick)
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/pc-consumer" | grep -q "^consumer: ok$"
 echo "installed package builds outside programs"

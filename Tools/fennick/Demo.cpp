@@ -161,12 +161,56 @@ void showCancellation(std::FILE* out) {
   std::fprintf(out, "  batch cancelled: %s\n", batch->isCancelled() ? "yes" : "no");
 }
 
+// An embedded settings file, as an application would ship it.
+constexpr const char kSettingsJSON[] = R"({
+  "name": "Photo Sync",
+  "version": "2.4.1",
+  "folders": ["~/Pictures", "~/Documents/Scans"],
+  "limits": {"maxUploads": 4, "throttle": 0.75, "wifiOnly": true},
+  "lastRun": null
+})";
+
+void showFormats(std::FILE* out) {
+  std::fprintf(out, "\n== Formats: JSON in, property list and keyed archive out\n");
+  Ref<Error> error;
+  auto settings = Dictionary::dynamicCastObject(JSON::JSONObjectWithString_options_error(kSettingsJSON, 0, &error));
+  if (!settings) {
+    std::fprintf(out, "  JSON failed: %s\n", error->localizedDescription().c_str());
+    return;
+  }
+  std::fprintf(out, "  JSON: %s %s, %zu folders, throttle %s\n", settings->objectForKey("name")->description().c_str(),
+               settings->objectForKey("version")->description().c_str(),
+               Array::castObject(settings->objectForKey("folders"))->count(),
+               settings->valueForKeyPath("limits.throttle")->description().c_str());
+  std::fprintf(out, "  a malformed file is refused: ");
+  if (!JSON::JSONObjectWithString_options_error("{\"name\": ", 0, &error))
+    std::fprintf(out, "%s\n", error->localizedDescription().c_str());
+
+  settings->removeObjectForKey("lastRun");  // property lists have no null
+  auto xml = PropertyList::dataWithPropertyList_format_error(settings, PropertyListFormat::XML, &error);
+  auto binary = PropertyList::dataWithPropertyList_format_error(settings, PropertyListFormat::Binary, &error);
+  auto back = PropertyList::propertyListWithData_format_error(binary, nullptr, &error);
+  std::fprintf(out, "  property list: %zu bytes as XML, %zu as binary, reads back %s\n", xml->length(),
+               binary->length(), back && back->isEqual(settings) ? "equal" : "different");
+
+  auto archive = KeyedArchiver::archivedDataWithRootObject_requiringSecureCoding_error(settings, true, &error);
+  auto restored = KeyedUnarchiver::unarchivedObjectOfClasses_fromData_error(
+      {Dictionary::staticClass(), Array::staticClass(), String::staticClass(), Number::staticClass()}, archive,
+      &error);
+  std::fprintf(out, "  keyed archive: %zu bytes, restores %s\n", archive->length(),
+               restored && restored->isEqual(settings) ? "an equal dictionary" : "something else");
+  auto refused = KeyedUnarchiver::unarchivedObjectOfClasses_fromData_error({Array::staticClass()}, archive, &error);
+  std::fprintf(out, "  decoding it as an array only is refused: %s\n",
+               refused ? "no" : error->userInfo()->objectForKey(NSDebugDescriptionErrorKey)->description().c_str());
+}
+
 }  // namespace
 
 int runDemo(std::FILE* out) {
   std::fprintf(out, "Fennick %s: a tour\n", versionString());
   showObservation(out);
   showCollections(out);
+  showFormats(out);
   showProactor(out);
   showCancellation(out);
   return 0;
