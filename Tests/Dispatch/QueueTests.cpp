@@ -189,6 +189,29 @@ TEST(Queue, MixedAsyncAndSyncAcrossATargetChainStayExclusiveAndOrdered) {
   EXPECT_EQ(root->sync([&] { return outOfOrder; }), 0);
 }
 
+// Threads that submit a few hundred blocks and exit hand their item memory back
+// at exit; every count, including exact multiples of the allocator's batch,
+// must leave each block intact and in order.
+TEST(Queue, ShortLivedSubmittersLoseAndCorruptNothing) {
+  auto queue = Queue::createSerial("short-lived");
+  std::vector<int> expectedNext(400, 0);
+  int corrupted = 0;
+  for (int thread = 0; thread < 400; ++thread) {
+    std::thread([&, thread] {
+      for (int seq = 0; seq <= thread; ++seq) {
+        queue->async([&, thread, seq] {
+          if (expectedNext[thread] != seq) ++corrupted;
+          expectedNext[thread] = seq + 1;
+        });
+      }
+      queue->sync([] {});
+    }).join();
+  }
+  queue->sync([] {});
+  EXPECT_EQ(corrupted, 0);
+  for (int thread = 0; thread < 400; ++thread) ASSERT_EQ(expectedNext[thread], thread + 1);
+}
+
 // Every worker that blocks in sync must let the pool start another one, or the
 // block that unblocks them would never get a thread.
 TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {

@@ -120,6 +120,9 @@ TEST(Source, TimersFireOnTheirClockAndCountExpirations) {
   const auto firesAtCancel = repeats.snapshot().size();
   std::this_thread::sleep_for(10ms);
   EXPECT_EQ(repeats.snapshot().size(), firesAtCancel);
+  oneShot->cancel();
+  wall->cancel();
+  EXPECT_TRUE(eventually([&] { return once.cancels.load() == 1 && onWall.cancels.load() == 1; }));
 }
 
 TEST(Source, ReadSourceReportsBytesThenEndOfFile) {

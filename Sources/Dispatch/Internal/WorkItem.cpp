@@ -83,6 +83,8 @@ class SpareSlabs {
 };
 
 void recycleInSlab(SlabHeader* slab, std::uint32_t count) {
+  // Zero would let a slab whose items all came back be handed out twice.
+  if (count == 0) return;
   const std::uint32_t total = slab->recycled.fetch_add(count, std::memory_order_acq_rel) + count;
   if (total == kItemsPerSlab) SpareSlabs::shared().give(slab);
 }
