@@ -5,6 +5,7 @@
 #include "fennick/Runtime/Object.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace fennick {
 
@@ -69,6 +70,36 @@ class CheckedIterator {
  private:
   const Owner* owner_;
   Inner inner_;
+  std::uint64_t mutations_;
+};
+
+/// Walks the live entries of a hash-table collection (Dictionary, Set) in
+/// insertion order, skipping removed entries and throwing when the collection
+/// is mutated during the walk. `Project` turns an entry into what the walk yields.
+template <class Entry, class Project>
+class TableIterator {
+ public:
+  using Inner = typename std::vector<Entry>::const_iterator;
+  TableIterator(const Collection* owner, Inner at, Inner end, std::uint64_t mutations)
+      : owner_(owner), at_(at), end_(end), mutations_(mutations) {
+    skipHoles();
+  }
+  decltype(auto) operator*() const { return Project{}(*at_); }
+  const Entry* operator->() const { return &*at_; }
+  TableIterator& operator++() {
+    owner_->checkNotMutatedSince(mutations_);
+    ++at_;
+    skipHoles();
+    return *this;
+  }
+  bool operator==(const TableIterator& other) const { return at_ == other.at_; }
+
+ private:
+  void skipHoles() {
+    while (at_ != end_ && !at_->key) ++at_;
+  }
+  const Collection* owner_;
+  Inner at_, end_;
   std::uint64_t mutations_;
 };
 

@@ -35,13 +35,7 @@ void Dictionary::initWithCoder(Coder& coder) {
 }
 
 void Set::encodeWithCoder(Coder& coder) const {
-  std::vector<Id> members;
-  members.reserve(count());
-  table_.forEach([&](const Entry& entry) {
-    members.push_back(entry.key);
-    return true;
-  });
-  coder.encodeArrayOfObjects_forKey(members, "NS.objects");
+  coder.encodeArrayOfObjects_forKey(allObjects()->toVector(), "NS.objects");
 }
 
 void Set::initWithCoder(Coder& coder) {
@@ -51,12 +45,7 @@ void Set::initWithCoder(Coder& coder) {
 
 void CountedSet::encodeWithCoder(Coder& coder) const {
   // Each member once under "NS.objects" with its count beside it.
-  std::vector<Id> members;
-  members.reserve(count());
-  table_.forEach([&](const Entry& entry) {
-    members.push_back(entry.key);
-    return true;
-  });
+  const std::vector<Id> members = allObjects()->toVector();
   coder.encodeArrayOfObjects_forKey(members, "NS.objects");
   for (std::size_t i = 0; i < members.size(); ++i)
     coder.encodeInt64_forKey(static_cast<std::int64_t>(countForObject(members[i])),

@@ -80,7 +80,10 @@ class Dictionary : public Collection {
   Id fetchOrCreateObjectForKey_creationBlock(const Id& key, const std::function<Id()>& create);
 
   // Iteration over entries (key, hash, value) in insertion order.
-  class Iterator;
+  struct EntryOf {
+    const Entry& operator()(const Entry& entry) const { return entry; }
+  };
+  using Iterator = TableIterator<Entry, EntryOf>;
   Iterator begin() const;
   Iterator end() const;
 
@@ -103,32 +106,6 @@ class Dictionary : public Collection {
  private:
   void store(const Id& object, const Id& key, std::size_t hash);
   Table table_;
-};
-
-class Dictionary::Iterator {
- public:
-  using Inner = std::vector<Entry>::const_iterator;
-  Iterator(const Dictionary* owner, Inner at, Inner end, std::uint64_t mutations)
-      : owner_(owner), at_(at), end_(end), mutations_(mutations) {
-    skipHoles();
-  }
-  const Entry& operator*() const { return *at_; }
-  const Entry* operator->() const { return &*at_; }
-  Iterator& operator++() {
-    owner_->checkNotMutatedSince(mutations_);
-    ++at_;
-    skipHoles();
-    return *this;
-  }
-  bool operator==(const Iterator& other) const { return at_ == other.at_; }
-
- private:
-  void skipHoles() {
-    while (at_ != end_ && !at_->key) ++at_;
-  }
-  const Dictionary* owner_;
-  Inner at_, end_;
-  std::uint64_t mutations_;
 };
 
 inline Dictionary::Iterator Dictionary::begin() const {

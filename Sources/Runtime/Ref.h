@@ -1,18 +1,7 @@
 #pragma once
-// Reference types shared by every Fennick layer.
-#include <memory>
-
-#ifndef FENNICK_REF_DEFINED
-#define FENNICK_REF_DEFINED
-namespace fennick {
-/// A strong reference; nil is nullptr.
-template <class T>
-using Ref = std::shared_ptr<T>;
-/// A weak reference, used where an object points back at its owner.
-template <class T>
-using WeakRef = std::weak_ptr<T>;
-}  // namespace fennick
-#endif
+// Reference types shared by every Fennick layer: Ref and WeakRef come from the
+// dispatch layer's header, the runtime adds Id.
+#include "fennick/Dispatch/Ref.h"
 
 namespace fennick {
 class Object;

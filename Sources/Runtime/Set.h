@@ -87,7 +87,10 @@ class Set : public Collection {
   /// Removes and returns the stored member equal to `object`, or nil.
   Id takeObject(const Id& object);
 
-  class Iterator;
+  struct MemberOf {
+    const Id& operator()(const Entry& entry) const { return entry.key; }
+  };
+  using Iterator = TableIterator<Entry, MemberOf>;
   Iterator begin() const;
   Iterator end() const;
 
@@ -104,31 +107,6 @@ class Set : public Collection {
  protected:
   Set() = default;
   Table table_;
-};
-
-class Set::Iterator {
- public:
-  using Inner = std::vector<Entry>::const_iterator;
-  Iterator(const Set* owner, Inner at, Inner end, std::uint64_t mutations)
-      : owner_(owner), at_(at), end_(end), mutations_(mutations) {
-    skipHoles();
-  }
-  const Id& operator*() const { return at_->key; }
-  Iterator& operator++() {
-    owner_->checkNotMutatedSince(mutations_);
-    ++at_;
-    skipHoles();
-    return *this;
-  }
-  bool operator==(const Iterator& other) const { return at_ == other.at_; }
-
- private:
-  void skipHoles() {
-    while (at_ != end_ && !at_->key) ++at_;
-  }
-  const Set* owner_;
-  Inner at_, end_;
-  std::uint64_t mutations_;
 };
 
 inline Set::Iterator Set::begin() const {
