@@ -17,7 +17,7 @@ class OrderedHashTable {
   std::size_t size() const noexcept { return live_; }
   void reserve(std::size_t count) {
     entries_.reserve(count);
-    if (count * 4 > index_.size() * 3) rebuildIndex(count);
+    if (count > kLinearLimit && count * 4 > index_.size() * 3) rebuildIndex(count);
   }
 
   /// The entry whose key equals `key` (hash given), or nullptr.
@@ -33,7 +33,11 @@ class OrderedHashTable {
   /// by a value that is not an object (text, for instance).
   template <class Equal>
   Entry* findWith(std::size_t hash, Equal&& equal) noexcept {
-    if (index_.empty()) return nullptr;
+    if (index_.empty()) {
+      for (Entry& entry : entries_)
+        if (entry.key && entry.hash == hash && equal(*entry.key)) return &entry;
+      return nullptr;
+    }
     for (std::size_t slot = start(hash);; slot = (slot + 1) & mask()) {
       const std::int32_t position = index_[slot];
       if (position == kEmpty) return nullptr;
@@ -45,6 +49,11 @@ class OrderedHashTable {
 
   /// Appends an entry whose key is known to be absent.
   Entry& insertNew(Entry entry) {
+    if (index_.empty() && entries_.size() < kLinearLimit) {
+      entries_.push_back(std::move(entry));
+      ++live_;
+      return entries_.back();
+    }
     if ((used_ + 1) * 4 > index_.size() * 3) rebuildIndex(live_ + 1);
     const std::size_t hash = entry.hash;
     std::size_t slot = start(hash);
@@ -58,7 +67,15 @@ class OrderedHashTable {
 
   /// Removes the entry for a key; returns it when there was one.
   std::optional<Entry> remove(const Object& key, std::size_t hash) {
-    if (index_.empty()) return std::nullopt;
+    if (index_.empty()) {
+      Entry* entry = find(key, hash);
+      if (!entry) return std::nullopt;
+      std::optional<Entry> removed(std::move(*entry));
+      *entry = Entry{};
+      --live_;
+      if (live_ * 2 < entries_.size() && entries_.size() > 4) compact();
+      return removed;
+    }
     for (std::size_t slot = start(hash);; slot = (slot + 1) & mask()) {
       const std::int32_t position = index_[slot];
       if (position == kEmpty) return std::nullopt;
@@ -96,6 +113,9 @@ class OrderedHashTable {
   const std::vector<Entry>& rawEntries() const noexcept { return entries_; }
 
  private:
+  // Up to this many entries, lookups scan the entries: no index to allocate or
+  // probe, which suits the many small dictionaries (change records, options).
+  static constexpr std::size_t kLinearLimit = 8;
   static constexpr std::int32_t kEmpty = -1;
   static constexpr std::int32_t kDeleted = -2;
 
@@ -131,7 +151,12 @@ class OrderedHashTable {
     for (Entry& entry : entries_)
       if (entry.key) kept.push_back(std::move(entry));
     entries_ = std::move(kept);
-    rebuildIndex(live_);
+    if (live_ <= kLinearLimit) {
+      index_.clear();
+      used_ = 0;
+    } else {
+      rebuildIndex(live_);
+    }
   }
 
   std::vector<Entry> entries_;
