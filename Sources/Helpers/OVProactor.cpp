@@ -138,14 +138,16 @@ Ref<OVProactorAction> OVProactorGroup::actionForArgument(const Id& argument) {
     if (auto it = knownActions_.find(key); it != knownActions_.end()) return it->second;
   }
   auto self = std::static_pointer_cast<OVProactorGroup>(Object::self());
-  return internalQueue_->sync([&] {
+  auto findOrMake = [&] {
     if (auto existing = OVProactorAction::castObject(actionsByArgument_->objectForKey(key))) return existing;
     auto action = OVProactorAction::initWithGroup_argument(self, key);
     actionsByArgument_->safeSetObject_forKey(action, key);
     std::unique_lock lock(knownActionsMutex_);
     knownActions_.emplace(key->copy(), action);
     return action;
-  });
+  };
+  // A group made without a proactor has no queue; its caller serialises it.
+  return internalQueue_ ? internalQueue_->sync(findOrMake) : findOrMake();
 }
 
 // -- Action ----------------------------------------------------------------------------
@@ -181,9 +183,14 @@ void OVProactorAction::perform(OVProactorActionEvent event, const Ref<Dictionary
   stateMachine_->performAction_userInfo(number(event), userInfo);
 }
 
+void OVProactorAction::onQueueAsync(dispatch::Block block) {
+  if (internalQueue_) internalQueue_->async(std::move(block));
+  else block();
+}
+
 void OVProactorAction::submit(OVProactorActionEvent event) {
   auto self = std::static_pointer_cast<OVProactorAction>(Object::self());
-  internalQueue_->async([self, event] { self->perform(event); });
+  onQueueAsync([self, event] { self->perform(event); });
 }
 
 void OVProactorAction::start() { submit(OVProactorActionEventStart); }
@@ -194,24 +201,24 @@ void OVProactorAction::reset() { submit(OVProactorActionEventReset); }
 void OVProactorAction::addCompletionHandler(OVProactorCompletionHandler handler) {
   auto self = std::static_pointer_cast<OVProactorAction>(Object::self());
   auto info = userInfoWith(completionHandlerKey(), BlockObject::blockWithFunction(std::move(handler)));
-  internalQueue_->async([self, info] { self->perform(OVProactorActionEventAddCompletionHandler, info); });
+  onQueueAsync([self, info] { self->perform(OVProactorActionEventAddCompletionHandler, info); });
 }
 
 void OVProactorAction::addCompletionHook(OVProactorCompletionHook hook) {
   auto info = userInfoWith(completionHookKey(), BlockObject::blockWithFunction(std::move(hook)));
-  internalQueue_->sync([&] { perform(OVProactorActionEventAddCompletionHook, info); });
+  onQueueSync([&] { perform(OVProactorActionEventAddCompletionHook, info); });
 }
 
 void OVProactorAction::setObject_forKey(const Id& object, const Id& key) {
-  internalQueue_->sync([&] { result_->setObject_forKey(object, key); });
+  onQueueSync([&] { result_->setObject_forKey(object, key); });
 }
 
 Id OVProactorAction::objectForKey(const Id& key) {
-  return internalQueue_->sync([&] { return result_->objectForKey(key); });
+  return onQueueSync([&] { return result_->objectForKey(key); });
 }
 
 void OVProactorAction::updateWithBlock(const std::function<void(const Ref<Dictionary>&)>& block) {
-  internalQueue_->sync([&] { block(result_->objectsByKey()); });
+  onQueueSync([&] { block(result_->objectsByKey()); });
 }
 
 void OVProactorAction::setError(const Ref<Error>& error) {
@@ -221,7 +228,7 @@ void OVProactorAction::setError(const Ref<Error>& error) {
 Ref<Error> OVProactorAction::error() { return Error::dynamicCastObject(objectForKey(errorKey())); }
 
 bool OVProactorAction::stateIs(OVProactorActionState state) {
-  return internalQueue_->sync([&] { return Object::isEqualObject_toObject(stateMachine_->state(), number(state)); });
+  return onQueueSync([&] { return Object::isEqualObject_toObject(stateMachine_->state(), number(state)); });
 }
 
 bool OVProactorAction::isRunning() { return stateIs(OVProactorActionStateRunning); }
@@ -253,7 +260,7 @@ struct ProactorRules {
   // A0: the handler joins the list on a later turn of the queue, whatever the
   // state is by then (after a delivery the list is gone and it is dropped).
   static void deferredAdd(const Ref<OVProactorAction>& action, OVProactorCompletionHandler handler) {
-    action->internalQueue_->async([action, handler = std::move(handler)] {
+    action->onQueueAsync([action, handler = std::move(handler)] {
       if (action->completionHandlers_) action->completionHandlers_->push_back(handler);
       auto group = action->group();
       if (group && group->startsActionAutomatically()) action->start();

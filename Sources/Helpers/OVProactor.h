@@ -193,6 +193,14 @@ class OVProactorAction : public Object {
   friend struct ProactorRules;
   void perform(OVProactorActionEvent event, const Ref<Dictionary>& userInfo = nullptr);
   void submit(OVProactorActionEvent event);
+  // On the internal queue; inline for an action made without a group (and so
+  // without a queue).
+  template <class F>
+  decltype(auto) onQueueSync(F&& f) {
+    if (!internalQueue_) return f();
+    return internalQueue_->sync(std::forward<F>(f));
+  }
+  void onQueueAsync(dispatch::Block block);
   bool stateIs(OVProactorActionState state);
 
   Id argument_;

@@ -244,3 +244,20 @@ TEST(OVProactor, RandomOperationsFromManyThreads) {
 
 }  // namespace
 }  // namespace fennick
+
+namespace fennick {
+namespace {
+
+TEST(OVProactor, AnActionWithoutAGroupWorksInline) {
+  auto action = OVProactorAction::init();
+  EXPECT_EQ(action->groupID(), nullptr);
+  action->setObject_forKey(Number::of(1), "n"_s);
+  EXPECT_TRUE(action->objectForKey("n"_s)->isEqual(Number::of(1)));
+  action->start();  // no group, no handler: the state still moves
+  EXPECT_TRUE(action->isRunning());
+  action->complete();
+  EXPECT_TRUE(action->isCompleted());
+}
+
+}  // namespace
+}  // namespace fennick
