@@ -1,5 +1,6 @@
 #include "fennick/Helpers/OVCancellationGroup.h"
 
+#include "fennick/Dispatch/Blocking.h"
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
@@ -14,6 +15,12 @@ constexpr const char kInternalQueueKey[] = "InternalQueueKey";
 FENNICK_DEFINE_CLASS(OVCancellationGroup) {
   builder.method("didChangeCancelledOfChild:newValue:",
                  &OVCancellationGroup::didChangeCancelledOfChild_newValue);
+}
+
+OVCancellationGroup::Lock::Lock(std::recursive_mutex& mutex) : mutex_(mutex) {
+  if (mutex_.try_lock()) return;
+  dispatch::BlockingScope waiting;
+  mutex_.lock();
 }
 
 OVCancellationGroup::OVCancellationGroup(std::int64_t policy)
@@ -34,7 +41,7 @@ void OVCancellationGroup::performBlock(const std::function<void()>& block) {
   // The marker is read from the group's own queue, not from the current one:
   // it is always there, so the block always runs inline on the caller.
   if (internalQueue_->getSpecific(kInternalQueueKey)) {
-    std::lock_guard lock(mutex_);
+    Lock lock(mutex_);
     block();
   } else {
     internalQueue_->sync([&] { block(); });
@@ -67,7 +74,7 @@ void OVCancellationGroup::addChild(const Ref<OVCancellation>& child) {
 
 void OVCancellationGroup::didChangeCancelledOfChild_newValue(const Id& child, const Ref<Number>& value) {
   OVAssertOnQueue(internalQueue_);
-  std::lock_guard lock(mutex_);
+  Lock lock(mutex_);
   if (!value || !value->boolValue()) return;
   receptionist_->stopObservationOfObject_forKeyPath(child, "isCancelled");
   checkChildren();
@@ -75,7 +82,7 @@ void OVCancellationGroup::didChangeCancelledOfChild_newValue(const Id& child, co
 
 void OVCancellationGroup::checkChildren() {
   OVAssertOnQueue(internalQueue_);
-  std::lock_guard lock(mutex_);
+  Lock lock(mutex_);
   if (suppressCheckChildren_) return;
   suppressCheckChildren_ = true;
   if (isCancelled()) {
@@ -106,7 +113,7 @@ void OVCancellationGroup::cancelUncancelledChildren() {
 
 void OVCancellationGroup::cancelOnQueue() {
   OVAssertOnQueue(internalQueue_);
-  std::lock_guard lock(mutex_);
+  Lock lock(mutex_);
   if (isCancelled()) return;
   changeValueForKey("isCancelled", [this] { cancelled_.store(true, std::memory_order_release); });
   cancelUncancelledChildren();

@@ -65,6 +65,18 @@ class OVCancellationGroup : public OVCancellation {
   std::vector<std::function<void()>> cancellationHandlers_;
   Ref<dispatch::Queue> internalQueue_;
   Ref<OVReceptionist> receptionist_;
+  // Holders of this lock may wait on other queues (cancelling a token syncs
+  // onto its queue), so a worker that has to wait for it tells the pool.
+  class Lock {
+   public:
+    explicit Lock(std::recursive_mutex& mutex);
+    ~Lock() { mutex_.unlock(); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+   private:
+    std::recursive_mutex& mutex_;
+  };
   std::recursive_mutex mutex_;
 };
 
