@@ -16,15 +16,15 @@ constexpr const char* kErrorKey = "error";
 Id number(std::int64_t value) { return Number::numberWithInteger(value); }
 
 const Ref<String>& completionHandlerKey() {
-  static const Ref<String> key = String::string(kCompletionHandlerKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(kCompletionHandlerKey));
   return key;
 }
 const Ref<String>& completionHookKey() {
-  static const Ref<String> key = String::string(kCompletionHookKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(kCompletionHookKey));
   return key;
 }
 const Ref<String>& errorKey() {
-  static const Ref<String> key = String::string(kErrorKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(kErrorKey));
   return key;
 }
 

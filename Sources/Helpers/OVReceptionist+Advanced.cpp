@@ -281,7 +281,7 @@ void OVReceptionistSubscriptionInfo::setKeyPath(const Ref<String>& keyPath) {
 }
 
 const OVReceptionistChangeBlock& OVReceptionistSubscriptionInfo::changeBlock() const {
-  static const OVReceptionistChangeBlock none;
+  static const OVReceptionistChangeBlock& none = *new OVReceptionistChangeBlock;
   return changeBlock_ ? *changeBlock_ : none;
 }
 

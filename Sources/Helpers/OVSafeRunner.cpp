@@ -7,12 +7,12 @@ namespace fennick {
 FENNICK_DEFINE_CLASS(OVSafeRunner) {}
 
 const Ref<OVSafeRunner>& OVSafeRunner::shared() {
-  static const Ref<OVSafeRunner> runner = init();
+  static const Ref<OVSafeRunner>& runner = *new Ref<OVSafeRunner>(init());
   return runner;
 }
 
 const Ref<OVSafeRunner>& OVSafeRunner::taskRunner() {
-  static const Ref<OVSafeRunner> runner = init();
+  static const Ref<OVSafeRunner>& runner = *new Ref<OVSafeRunner>(init());
   return runner;
 }
 

@@ -36,11 +36,11 @@ Ref<Array> Array::arrayWithArray(const Ref<Array>& other) {
 }
 
 const Ref<Array>& Array::emptyArray() {
-  static const Ref<Array> empty = [] {
+  static const Ref<Array>& empty = *new Ref<Array>([] {
     auto array = make<Array>();
     array->makeImmutable();
     return array;
-  }();
+  }());
   return empty;
 }
 

@@ -20,7 +20,7 @@ ClassRegistry& registry() {
 }
 
 const std::vector<std::string>& noKeyPaths() {
-  static const std::vector<std::string> empty;
+  static const std::vector<std::string>& empty = *new std::vector<std::string>;
   return empty;
 }
 

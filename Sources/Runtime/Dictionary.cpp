@@ -50,11 +50,11 @@ Ref<Dictionary> Dictionary::dictionaryWithDictionary(const Ref<Dictionary>& othe
 }
 
 const Ref<Dictionary>& Dictionary::emptyDictionary() {
-  static const Ref<Dictionary> empty = [] {
+  static const Ref<Dictionary>& empty = *new Ref<Dictionary>([] {
     auto dictionary = make<Dictionary>();
     dictionary->makeImmutable();
     return dictionary;
-  }();
+  }());
   return empty;
 }
 

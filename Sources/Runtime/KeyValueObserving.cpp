@@ -68,19 +68,19 @@ struct Observation : std::enable_shared_from_this<Observation> {
 namespace {
 
 const Ref<String>& kindKey() {
-  static const Ref<String> key = String::string(NSKeyValueChangeKindKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(NSKeyValueChangeKindKey));
   return key;
 }
 const Ref<String>& newKey() {
-  static const Ref<String> key = String::string(NSKeyValueChangeNewKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(NSKeyValueChangeNewKey));
   return key;
 }
 const Ref<String>& oldKey() {
-  static const Ref<String> key = String::string(NSKeyValueChangeOldKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(NSKeyValueChangeOldKey));
   return key;
 }
 const Ref<String>& priorKey() {
-  static const Ref<String> key = String::string(NSKeyValueChangeNotificationIsPriorKey);
+  static const Ref<String>& key = *new Ref<String>(String::string(NSKeyValueChangeNotificationIsPriorKey));
   return key;
 }
 

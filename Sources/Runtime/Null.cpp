@@ -10,7 +10,7 @@ FENNICK_DEFINE_CLASS(Null) {
 }
 
 const Ref<Null>& Null::null() {
-  static const Ref<Null> instance = make<Null>();
+  static const Ref<Null>& instance = *new Ref<Null>(make<Null>());
   return instance;
 }
 

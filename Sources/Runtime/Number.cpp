@@ -49,19 +49,19 @@ FENNICK_DEFINE_CLASS(Number) {
 }
 
 Ref<Number> Number::numberWithBool(bool value) {
-  static const Ref<Number> yes = make<Number>(Kind::Bool, 1);
-  static const Ref<Number> no = make<Number>(Kind::Bool, 0);
+  static const Ref<Number>& yes = *new Ref<Number>(make<Number>(Kind::Bool, 1));
+  static const Ref<Number>& no = *new Ref<Number>(make<Number>(Kind::Bool, 0));
   return value ? yes : no;
 }
 
 Ref<Number> Number::numberWithInteger(std::int64_t value) {
-  static const auto cache = [] {
+  static const auto& cache = *new auto([] {
     std::array<Ref<Number>, kSmallMax - kSmallMin + 1> small;
     for (std::int64_t v = kSmallMin; v <= kSmallMax; ++v)
       small[static_cast<std::size_t>(v - kSmallMin)] =
           make<Number>(Kind::Signed, static_cast<std::uint64_t>(v));
     return small;
-  }();
+  }());
   if (value >= kSmallMin && value <= kSmallMax)
     return cache[static_cast<std::size_t>(value - kSmallMin)];
   return make<Number>(Kind::Signed, static_cast<std::uint64_t>(value));

@@ -28,7 +28,7 @@ SelectorTable& table() {
 }
 
 const std::string& emptyName() {
-  static const std::string empty;
+  static const std::string& empty = *new std::string;
   return empty;
 }
 

@@ -39,11 +39,11 @@ Ref<Set> Set::setWithSet(const Ref<Set>& other) {
 }
 
 const Ref<Set>& Set::emptySet() {
-  static const Ref<Set> empty = [] {
+  static const Ref<Set>& empty = *new Ref<Set>([] {
     auto set = make<Set>();
     set->makeImmutable();
     return set;
-  }();
+  }());
   return empty;
 }
 
