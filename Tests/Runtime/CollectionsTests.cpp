@@ -4,6 +4,7 @@
 #include "fennick/Runtime/Set.h"
 #include "fennick/Runtime/String.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -191,7 +192,7 @@ TEST(Collections, DictionaryMatchesModelUnderRandomChanges) {
   auto dictionary = Dictionary::dictionary();
   std::unordered_map<std::string, std::int64_t> model;
   std::vector<std::string> order;
-  auto keyText = [&] { return "k" + std::to_string(random() % 400); };
+  auto keyText = [&] { return fmt::format("k{}", random() % 400); };
 
   for (int step = 0; step < 20000; ++step) {
     const std::string text = keyText();
