@@ -41,7 +41,7 @@ Ref<OVProactorAction> actionOf(const Ref<OVStateMachineTransitionInfo>& info) {
 }
 
 template <class Signature>
-std::function<Signature> callbackIn(const Ref<OVStateMachineTransitionInfo>& info, const char* key) {
+std::function<Signature> callbackIn(const Ref<OVStateMachineTransitionInfo>& info, const Ref<String>& key) {
   auto box = BlockObject::dynamicCastObject(info->userInfo() ? info->userInfo()->objectForKey(key) : nullptr);
   const auto* function = box ? box->function<Signature>() : nullptr;
   return function ? *function : nullptr;
@@ -293,7 +293,7 @@ void OVProactorAction_setupStateMachine(const Ref<OVProactorAction>& action) {
            completing = number(OVProactorActionStateCompleting),
            completed = number(OVProactorActionStateCompleted);
   auto handlerOf = [](const Info& info) {
-    return callbackIn<void(const Ref<OVProactorResult>&)>(info, kCompletionHandlerKey);
+    return callbackIn<void(const Ref<OVProactorResult>&)>(info, completionHandlerKey());
   };
   auto startWork = [](const Info& info) { OVProactorAction_start(actionOf(info)); };
 
@@ -322,7 +322,7 @@ void OVProactorAction_setupStateMachine(const Ref<OVProactorAction>& action) {
   machine->addTransitionOnAction_fromState_toState_handler(
       number(OVProactorActionEventAddCompletionHook), nullptr, nullptr, [](const Info& info) {
         Rules::appendHook(actionOf(info),
-                          callbackIn<void(const Ref<OVProactorAction>&)>(info, kCompletionHookKey));
+                          callbackIn<void(const Ref<OVProactorAction>&)>(info, completionHookKey()));
       });
   machine->addTransitionOnAction_fromState_toState_handler(
       number(OVProactorActionEventReset), completed, idle,
