@@ -42,9 +42,23 @@ const Method* Class::methodForSelector(Selector selector) const noexcept {
 }
 
 const Property* Class::propertyForKey(std::string_view key) const noexcept {
-  for (const Class* c = this; c; c = c->superclass_)
-    if (auto it = c->properties_.find(key); it != c->properties_.end()) return &it->second;
-  return nullptr;
+  // Key-value coding and observation ask for the same property several times
+  // per change; remember the last answer of this thread. Records never change
+  // once built, so the cached pointer stays valid.
+  struct LastLookup {
+    const Class* cls = nullptr;
+    std::string key;
+    const Property* property = nullptr;
+  };
+  thread_local LastLookup last;
+  if (last.cls == this && last.key == key) return last.property;
+  const Property* found = nullptr;
+  for (const Class* c = this; c && !found; c = c->superclass_)
+    if (auto it = c->properties_.find(key); it != c->properties_.end()) found = &it->second;
+  last.cls = this;
+  last.key.assign(key);
+  last.property = found;
+  return found;
 }
 
 const std::vector<std::string>& Class::keyPathsForValuesAffectingKey(

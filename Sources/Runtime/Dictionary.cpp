@@ -76,8 +76,9 @@ void Dictionary::store(const Id& object, const Id& key, std::size_t hash) {
     entry->value = object;
     return;
   }
-  // Keys are copied so that a key changed later cannot corrupt the table.
-  table_.insertNew(Entry{key->copy(), hash, object});
+  // Keys are copied so that a key changed later cannot corrupt the table;
+  // strings are immutable and would copy to themselves anyway.
+  table_.insertNew(Entry{key->isMemberOfClass(String::staticClass()) ? key : key->copy(), hash, object});
 }
 
 void Dictionary::setObject_forKey(const Id& object, const Id& key) {

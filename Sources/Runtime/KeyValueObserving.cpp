@@ -204,6 +204,11 @@ struct PendingStack {
   // The most recent pending change of this object's key; an empty one when a
   // did comes without its will.
   PendingChange take(const Object* object, std::string_view key) {
+    if (!changes.empty() && changes.back().object == object && changes.back().key == key) {
+      PendingChange change = std::move(changes.back());  // the usual, nested case
+      changes.pop_back();
+      return change;
+    }
     for (std::size_t i = changes.size(); i-- > 0;) {
       if (changes[i].object != object || changes[i].key != key) continue;
       PendingChange change = std::move(changes[i]);
