@@ -21,6 +21,8 @@ std::map<std::string, Times>& results() {
 // reporter prints the usual table.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  // Plain text, so that the "ratio" lines start their lines.
+  RatioReporter() : ConsoleReporter(OO_Tabular) {}
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
