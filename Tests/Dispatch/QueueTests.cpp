@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -255,4 +257,47 @@ TEST_F(QueueDeathTest, TargetCyclesAndEmptyBlocksAbort) {
   EXPECT_DEATH(first->setTarget(second), "cycle.*com.example.first");
   EXPECT_DEATH(first->async(Block()), "empty block.*com.example.first");
   EXPECT_DEATH(global(QOS_CLASS_DEFAULT)->setTarget(first), "cannot change the target");
+}
+
+// Every worker is stuck on a condition that only the second of two sync
+// callers can satisfy. The first caller's release must hand the queue to the
+// second directly: waiting for a free worker to do it would never end.
+TEST(Queue, WaitingSyncCallersTakeOverWithoutAFreeWorker) {
+  auto queue = Queue::createSerial("com.example.handover");
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool secondDone = false;
+  std::atomic<int> blockedWorkers{0};
+  const int workers = static_cast<int>(std::thread::hardware_concurrency()) + 2;
+  for (int i = 0; i < workers; ++i)
+    global(QOS_CLASS_DEFAULT)->async([&] {
+      ++blockedWorkers;
+      std::unique_lock lock(mutex);
+      changed.wait_for(lock, std::chrono::seconds(10), [&] { return secondDone; });
+      --blockedWorkers;
+    });
+  ASSERT_TRUE(eventually([&] { return blockedWorkers >= 1; }));
+
+  std::atomic<bool> firstHolds{false};
+  std::thread first([&] {
+    queue->sync([&] {
+      firstHolds = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the second caller queues up
+    });
+  });
+  ASSERT_TRUE(eventually([&] { return firstHolds.load(); }));
+  std::thread second([&] {
+    queue->sync([] {});
+    std::lock_guard lock(mutex);
+    secondDone = true;
+    changed.notify_all();
+  });
+  {
+    // Without the direct hand-over this wait runs out (the workers give up only later).
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&] { return secondDone; }));
+  }
+  second.join();
+  first.join();
+  EXPECT_TRUE(eventually([&] { return blockedWorkers == 0; }));
 }

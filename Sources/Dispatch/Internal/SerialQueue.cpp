@@ -1,6 +1,7 @@
 #include "fennick/Dispatch/Internal/SerialQueue.h"
 
 #include <thread>
+#include <utility>
 
 #include "fennick/Dispatch/Internal/Futex.h"
 #include "fennick/Dispatch/Internal/QueueAccess.h"
@@ -34,7 +35,7 @@ void SerialQueue::drain() noexcept {
       known = pending_.load(std::memory_order_acquire);
       if (known == retired) break;
     }
-    WorkItem* item = popReady();
+    WorkItem* item = carried_ ? std::exchange(carried_, nullptr) : popReady();
     ++retired;
     if (item->kind == ItemKind::SyncWaiter) {
       handOff(*static_cast<SyncRequest*>(item->context), retired);
@@ -86,7 +87,18 @@ void SerialQueue::acquire(SyncRequest& request) noexcept {
 }
 
 void SerialQueue::release() noexcept {
-  if (pending_.fetch_sub(1, std::memory_order_acq_rel) != 1) schedule(true);
+  if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1) return;
+  // Others are queued and the queue is still ours until we pass it on. A sync
+  // waiter at the head takes it directly, so that waiting syncs never need a
+  // free worker (every worker may be blocked on something the waiter holds).
+  // Other work goes to a drain on the target, starting with the item taken.
+  WorkItem* next = popReady();
+  if (next->kind == ItemKind::SyncWaiter) {
+    handOff(*static_cast<SyncRequest*>(next->context), 1);
+    return;
+  }
+  carried_ = next;
+  schedule(true);
 }
 
 }  // namespace fennick::dispatch::internal

@@ -5,8 +5,9 @@
 // plus one for a sync caller that took the queue while it was idle. Whoever
 // moves it from zero owns the queue: it either runs the work inline (sync) or
 // schedules the queue's drain on the target. The owner alone pops items. A
-// drain that meets a waiting sync caller hands ownership to it and stops; the
-// caller schedules the drain again when it is done, if work is left.
+// drain that meets a waiting sync caller hands ownership to it and stops. A
+// sync caller that is done hands the queue straight to the next waiting sync
+// caller, or schedules the drain when other work is left.
 #include <atomic>
 #include <cstdint>
 
@@ -49,6 +50,9 @@ class SerialQueue final : public Queue {
   alignas(64) std::atomic<std::uint64_t> pending_{0};
   // Keeps the queue alive while its drain is scheduled; only the owner touches it.
   Ref<Queue> keepAlive_;
+  // An item that a releasing sync holder took off the list before scheduling a
+  // drain; the drain runs it first. Touched only by the queue's owner.
+  WorkItem* carried_ = nullptr;
   WorkItem drainItem_;
 };
 
