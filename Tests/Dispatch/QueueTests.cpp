@@ -264,19 +264,25 @@ TEST_F(QueueDeathTest, TargetCyclesAndEmptyBlocksAbort) {
 // second directly: waiting for a free worker to do it would never end.
 TEST(Queue, WaitingSyncCallersTakeOverWithoutAFreeWorker) {
   auto queue = Queue::createSerial("com.example.handover");
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool secondDone = false;
-  std::atomic<int> blockedWorkers{0};
+  // Shared with the workers, which may still be leaving when the test ends.
+  struct Shared {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool secondDone = false;
+    std::atomic<int> blockedWorkers{0};
+  };
+  auto shared = std::make_shared<Shared>();
   const int workers = static_cast<int>(std::thread::hardware_concurrency()) + 2;
   for (int i = 0; i < workers; ++i)
-    global(QOS_CLASS_DEFAULT)->async([&] {
-      ++blockedWorkers;
-      std::unique_lock lock(mutex);
-      changed.wait_for(lock, std::chrono::seconds(10), [&] { return secondDone; });
-      --blockedWorkers;
+    global(QOS_CLASS_DEFAULT)->async([shared] {
+      ++shared->blockedWorkers;
+      {
+        std::unique_lock lock(shared->mutex);
+        shared->changed.wait_for(lock, std::chrono::seconds(10), [&] { return shared->secondDone; });
+      }
+      --shared->blockedWorkers;
     });
-  ASSERT_TRUE(eventually([&] { return blockedWorkers >= 1; }));
+  ASSERT_TRUE(eventually([&] { return shared->blockedWorkers >= 1; }));
 
   std::atomic<bool> firstHolds{false};
   std::thread first([&] {
@@ -288,16 +294,16 @@ TEST(Queue, WaitingSyncCallersTakeOverWithoutAFreeWorker) {
   ASSERT_TRUE(eventually([&] { return firstHolds.load(); }));
   std::thread second([&] {
     queue->sync([] {});
-    std::lock_guard lock(mutex);
-    secondDone = true;
-    changed.notify_all();
+    std::lock_guard lock(shared->mutex);
+    shared->secondDone = true;
+    shared->changed.notify_all();
   });
   {
     // Without the direct hand-over this wait runs out (the workers give up only later).
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&] { return secondDone; }));
+    std::unique_lock lock(shared->mutex);
+    EXPECT_TRUE(shared->changed.wait_for(lock, std::chrono::seconds(5), [&] { return shared->secondDone; }));
   }
   second.join();
   first.join();
-  EXPECT_TRUE(eventually([&] { return blockedWorkers == 0; }));
+  EXPECT_TRUE(eventually([&] { return shared->blockedWorkers == 0; }));
 }

@@ -29,13 +29,15 @@ void SerialQueue::schedule(bool wake) {
 
 void SerialQueue::drain() noexcept {
   std::uint64_t retired = 0;
+  // Read once: carried_ shares a cache line with the producers' counter.
+  WorkItem* carried = std::exchange(carried_, nullptr);
   std::uint64_t known = pending_.load(std::memory_order_acquire);
   while (retired < kBatchLimit) {
     if (retired == known) {
       known = pending_.load(std::memory_order_acquire);
       if (known == retired) break;
     }
-    WorkItem* item = carried_ ? std::exchange(carried_, nullptr) : popReady();
+    WorkItem* item = carried ? std::exchange(carried, nullptr) : popReady();
     ++retired;
     if (item->kind == ItemKind::SyncWaiter) {
       handOff(*static_cast<SyncRequest*>(item->context), retired);
