@@ -16,6 +16,12 @@ void detail::runCancellationHandlers(std::vector<std::function<void()>> handlers
   });
 }
 
+void detail::addOrRunCancellationHandler(bool cancelled, std::vector<std::function<void()>>& handlers,
+                                         std::function<void()> handler) {
+  if (!cancelled) handlers.push_back(std::move(handler));
+  else dispatch::global(QOS_CLASS_UTILITY)->async(std::move(handler));
+}
+
 OVCancellationToken::OVCancellationToken()
     : internalQueue_(OVBuildInternalDispatchQueue("cancellation-token-internal")) {}
 
@@ -27,10 +33,7 @@ void OVCancellationToken::performBlock(const std::function<void()>& block) {
 
 void OVCancellationToken::addCancellationHandler(std::function<void()> handler) {
   if (!handler) return;
-  performBlock([&] {
-    if (!isCancelled()) cancellationHandlers_.push_back(std::move(handler));
-    else dispatch::global(QOS_CLASS_UTILITY)->async(std::move(handler));
-  });
+  performBlock([&] { detail::addOrRunCancellationHandler(isCancelled(), cancellationHandlers_, std::move(handler)); });
 }
 
 void OVCancellationToken::cancel() {

@@ -63,6 +63,10 @@ class OVCancellationToken : public OVCancellation {
 namespace detail {
 /// Submits the handlers, in order, as one block to the global utility queue.
 void runCancellationHandlers(std::vector<std::function<void()>> handlers);
+/// Keeps the handler for a later cancel, or, when already cancelled, submits
+/// it alone to the global utility queue.
+void addOrRunCancellationHandler(bool cancelled, std::vector<std::function<void()>>& handlers,
+                                 std::function<void()> handler);
 }  // namespace detail
 
 }  // namespace fennick

@@ -50,10 +50,7 @@ void OVCancellationGroup::performBlock(const std::function<void()>& block) {
 
 void OVCancellationGroup::addCancellationHandler(std::function<void()> handler) {
   if (!handler) return;
-  performBlock([&] {
-    if (!isCancelled()) cancellationHandlers_.push_back(std::move(handler));
-    else dispatch::global(QOS_CLASS_UTILITY)->async(std::move(handler));
-  });
+  performBlock([&] { detail::addOrRunCancellationHandler(isCancelled(), cancellationHandlers_, std::move(handler)); });
 }
 
 void OVCancellationGroup::addChild(const Ref<OVCancellation>& child) {

@@ -50,6 +50,12 @@ void OVReceptionist::runRequest(const Ref<OVReceptionistSubscriptionRequest>& re
   initialCalls.run();
 }
 
+void OVReceptionist::submitRequest(Ref<OVReceptionistSubscriptionRequest> request, Id keepAlive) {
+  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
+  performInternalOperationSync_block(
+      false, [self, request = std::move(request), keepAlive = std::move(keepAlive)] { self->runRequest(request); });
+}
+
 void OVReceptionist::startObservationOfObject_forKeyPath_changeBlock(const Id& object,
                                                                      std::string_view keyPath,
                                                                      ChangeBlock block) {
@@ -87,33 +93,28 @@ void OVReceptionist::startObservationOfObject_forKeyPath_target_action(const Id&
   request->setTarget(target);
   request->setAction(action);
   request->setOptions(request->options() | NSKeyValueObservingOptionInitial);
-  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
   // The target stays alive until the request has been processed.
-  performInternalOperationSync_block(false, [self, request, target] { self->runRequest(request); });
+  submitRequest(request, target);
 }
 
 void OVReceptionist::stopObservationOfObject_forKeyPath(const Id& object, std::string_view keyPath) {
   auto request = OVReceptionistStopSubscriptionRequest::request();
   request->setObjectsInfo(object);
   request->setKeyPathesInfo(String::string(keyPath));
-  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
-  performInternalOperationSync_block(false, [self, request] { self->runRequest(request); });
+  submitRequest(request);
 }
 
 void OVReceptionist::stopAllObservationOfObject(const Id& object) {
   auto request = OVReceptionistStopSubscriptionRequest::request();
   request->setObjectsInfo(object);
-  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
-  performInternalOperationSync_block(false, [self, request] { self->runRequest(request); });
+  submitRequest(request);
 }
 
 void OVReceptionist::stopAllObservations() { runRequest(OVReceptionistStopSubscriptionRequest::request()); }
 
 void OVReceptionist::performRequest(const Ref<OVReceptionistSubscriptionRequest>& request) {
   if (!request) return;
-  auto copy = std::static_pointer_cast<OVReceptionistSubscriptionRequest>(request->copy());
-  auto self = std::static_pointer_cast<OVReceptionist>(Object::self());
-  performInternalOperationSync_block(false, [self, copy] { self->runRequest(copy); });
+  submitRequest(std::static_pointer_cast<OVReceptionistSubscriptionRequest>(request->copy()));
 }
 
 void OVReceptionist::startObservationWithInfo_object(const Ref<OVReceptionistSubscriptionInfo>& info,

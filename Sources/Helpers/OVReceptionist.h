@@ -76,6 +76,9 @@ class OVReceptionist : public Object {
   void stopObservationWithInfo_holder(const Ref<OVReceptionistSubscriptionInfo>& info,
                                       const Id& holder);
   void runRequest(const Ref<OVReceptionistSubscriptionRequest>& request);
+  /// Runs the request on the internal queue, asynchronously; `keepAlive`
+  /// (the target of a target/action request) lives until then.
+  void submitRequest(Ref<OVReceptionistSubscriptionRequest> request, Id keepAlive = nullptr);
 
   Ref<dispatch::Queue> externalQueue_;
   Ref<dispatch::Queue> internalQueue_;
