@@ -73,6 +73,6 @@ void unorderedMapInsertAndLookup(benchmark::State& state) {
 }  // namespace
 
 FENNICK_COMPARISON(dictionary_vs_unordered_map, dictionaryInsertAndLookup,
-                   unorderedMapInsertAndLookup);
+                   unorderedMapInsertAndLookup, .goal = 0.7);
 
 }  // namespace fennick::bench

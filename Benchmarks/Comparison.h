@@ -1,23 +1,33 @@
 #pragma once
 // A comparison measures one Fennick operation and the same work done by a
-// peer library in the same run. The driver prints
-//     ratio <name> <peer time / Fennick time>
-// so a value above 1 means Fennick is faster.
+// peer in the same run. Each side runs several times, alternating with the
+// other, and the driver prints
+//     ratio <name> <median peer time / median Fennick time>  [goal >= G]
+//     range <name> <lowest> <highest per-repetition ratio>
+// so a value above 1 means Fennick is faster. A side that cannot run here (a
+// missing namespace, tool or daemon) calls state.SkipWithError("why"); the
+// driver then prints "skip <name>: why" instead of a ratio.
 #include <benchmark/benchmark.h>
-
-#include <string>
 
 namespace fennick::bench {
 
 using Body = void (*)(benchmark::State&);
 
+struct ComparisonOptions {
+  double goal = 0;        // the ratio to reach; 0 when the line only records a cost
+  int iterations = 0;     // fixed iterations per repetition; 0 lets the library choose
+  double minTime = 0.2;   // seconds per repetition when iterations is 0
+};
+
 struct ComparisonRegistrar {
-  ComparisonRegistrar(const char* name, Body fennick, Body peer, bool realTime);
+  ComparisonRegistrar(const char* name, Body fennick, Body peer, ComparisonOptions options);
 };
 
 }  // namespace fennick::bench
 
-// Registers "<name>/fennick" and "<name>/peer". Bodies must do the same work per
-// iteration. Real (wall) time is compared, so multi-threaded work counts fully.
-#define FENNICK_COMPARISON(name, fennickBody, peerBody) \
-  static ::fennick::bench::ComparisonRegistrar name##_registrar(#name, fennickBody, peerBody, true)
+// FENNICK_COMPARISON(name, fennickBody, peerBody, .goal = 1.5, .iterations = 3)
+// Bodies must do the same work per iteration; wall time is compared, so
+// multi-threaded work counts fully.
+#define FENNICK_COMPARISON(name, fennickBody, peerBody, ...)                                         \
+  static ::fennick::bench::ComparisonRegistrar name##_registrar(#name, fennickBody, peerBody, \
+                                                                ::fennick::bench::ComparisonOptions{__VA_ARGS__})

@@ -47,7 +47,7 @@ void serialAsyncPeer(benchmark::State& state) {
   }
 }
 
-FENNICK_COMPARISON(serial_async_vs_asio_strand, serialAsyncFennick, serialAsyncPeer);
+FENNICK_COMPARISON(serial_async_vs_asio_strand, serialAsyncFennick, serialAsyncPeer, .goal = 2);
 
 // sync_vs_asio_post_wait: one synchronous round trip through an idle queue.
 
@@ -74,7 +74,7 @@ void syncRoundTripPeer(benchmark::State& state) {
   }
 }
 
-FENNICK_COMPARISON(sync_vs_asio_post_wait, syncRoundTripFennick, syncRoundTripPeer);
+FENNICK_COMPARISON(sync_vs_asio_post_wait, syncRoundTripFennick, syncRoundTripPeer, .goal = 50);
 
 // many_serial_queues_vs_asio_strands: 1,000 queues fed round-robin with 1,000
 // blocks each; each queue's last block counts down, and the run ends when all
@@ -124,6 +124,6 @@ void manyQueuesPeer(benchmark::State& state) {
   }
 }
 
-FENNICK_COMPARISON(many_serial_queues_vs_asio_strands, manyQueuesFennick, manyQueuesPeer);
+FENNICK_COMPARISON(many_serial_queues_vs_asio_strands, manyQueuesFennick, manyQueuesPeer, .goal = 1.5);
 
 }  // namespace

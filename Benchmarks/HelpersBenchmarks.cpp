@@ -246,9 +246,9 @@ void gcancellableCancellation(benchmark::State& state) {
 
 }  // namespace
 
-FENNICK_COMPARISON(receptionist_fanout_vs_glib_signal, receptionistFanout, glibSignalFanout);
-FENNICK_COMPARISON(proactor_coalescing_vs_futures, proactorCoalescing, futuresCoalescing);
-FENNICK_COMPARISON(state_machine_vs_switch, stateMachineAction, switchAction);
-FENNICK_COMPARISON(cancellation_token_vs_gcancellable, tokenCancellation, gcancellableCancellation);
+FENNICK_COMPARISON(receptionist_fanout_vs_glib_signal, receptionistFanout, glibSignalFanout, .goal = 0.5);
+FENNICK_COMPARISON(proactor_coalescing_vs_futures, proactorCoalescing, futuresCoalescing, .goal = 0.5);
+FENNICK_COMPARISON(state_machine_vs_switch, stateMachineAction, switchAction, .goal = 0.1);
+FENNICK_COMPARISON(cancellation_token_vs_gcancellable, tokenCancellation, gcancellableCancellation, .goal = 1);
 
 }  // namespace fennick::bench

@@ -9,7 +9,7 @@ install(TARGETS fennick fennick_static EXPORT FennickTargets
 install(TARGETS fennick_flags EXPORT FennickTargets)
 install(TARGETS fennick_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-foreach(header ${FENNICK_HEADERS})
+foreach(header ${FENNICK_PUBLIC_HEADERS})
   get_filename_component(dir ${header} DIRECTORY)
   install(FILES ${CMAKE_SOURCE_DIR}/Sources/${header}
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fennick/${dir})

@@ -8,8 +8,12 @@ if(FENNICK_SANITIZE STREQUAL "address")
       -fno-sanitize-recover=undefined)
 elseif(FENNICK_SANITIZE STREQUAL "thread")
   set(FENNICK_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+elseif(FENNICK_SANITIZE STREQUAL "fuzz")
+  # The library is instrumented for coverage; only the fuzz targets link libFuzzer.
+  set(FENNICK_SANITIZER_FLAGS -fsanitize=fuzzer-no-link,address,undefined
+      -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
 elseif(FENNICK_SANITIZE)
-  message(FATAL_ERROR "FENNICK_SANITIZE must be address or thread")
+  message(FATAL_ERROR "FENNICK_SANITIZE must be address, thread or fuzz")
 endif()
 if(FENNICK_SANITIZER_FLAGS)
   add_compile_options(${FENNICK_SANITIZER_FLAGS})

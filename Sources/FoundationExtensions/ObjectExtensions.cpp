@@ -1,19 +1,8 @@
-// General object operations: nil-safe equality and grouped change
-// notifications for several keys.
+// General object operations: grouped change notifications for several keys.
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/Object.h"
 
 namespace fennick {
-
-bool Object::isEqualObject_toObject(const Object* a, const Object* b) {
-  if (a == b) return true;
-  if (!a || !b) return false;
-  return a->isEqual(b);
-}
-
-bool Object::isEqualObject_toObject(const Id& a, const Id& b) {
-  return isEqualObject_toObject(a.get(), b.get());
-}
 
 void Object::willChangeValuesForKeys(const Ref<Array>& keys) {
   if (!keys) return;

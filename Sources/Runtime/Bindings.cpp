@@ -12,7 +12,7 @@
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Null.h"
-#include "fennick/Runtime/SideTable.h"
+#include "fennick/Runtime/Internal/SideTable.h"
 #include "fennick/Runtime/String.h"
 #include "fennick/Runtime/ValueTransformer.h"
 

@@ -33,7 +33,7 @@ class Data : public Object {
   Id copy() const override;
 
  protected:
-  Data() = default;
+  Data() : bytes_() {}
   explicit Data(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) {}
 
  private:

@@ -15,7 +15,7 @@
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Null.h"
 #include "fennick/Runtime/Number.h"
-#include "fennick/Runtime/SideTable.h"
+#include "fennick/Runtime/Internal/SideTable.h"
 #include "fennick/Runtime/String.h"
 
 #include <fmt/format.h>

@@ -5,7 +5,7 @@
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Null.h"
 #include "fennick/Runtime/Set.h"
-#include "fennick/Runtime/SideTable.h"
+#include "fennick/Runtime/Internal/SideTable.h"
 
 #include <fmt/format.h>
 
@@ -146,4 +146,15 @@ void abortBadMethod(const std::string& className, std::string_view selector, std
 }
 
 }  // namespace detail
+
+bool Object::isEqualObject_toObject(const Object* a, const Object* b) {
+  if (a == b) return true;
+  if (!a || !b) return false;
+  return a->isEqual(b);
+}
+
+bool Object::isEqualObject_toObject(const Id& a, const Id& b) {
+  return isEqualObject_toObject(a.get(), b.get());
+}
+
 }  // namespace fennick

@@ -96,6 +96,12 @@ class Reader {
         plist_get_uid_val(node, &uid);
         return Dictionary::dictionaryWithStringKeys({{"CF$UID", Number::of(uid)}});
       }
+      case PLIST_STRING: {
+        std::uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        if (text && !String::isValidUTF8({text, length})) return fail("string is not valid UTF-8");
+        return detail::objectFromPlistScalarNode(node);
+      }
       default:
         if (Id scalar = detail::objectFromPlistScalarNode(node)) return scalar;
         return fail("unknown object type");
@@ -136,7 +142,7 @@ class Reader {
         std::free(key);
         break;
       }
-      Id value = read(item, depth + 1);
+      Id value = key && !String::isValidUTF8(key) ? fail("key is not valid UTF-8") : read(item, depth + 1);
       if (value) dictionary->setObject_forKey(value, String::string(key ? key : ""));
       std::free(key);
       if (!value) break;

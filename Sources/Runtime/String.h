@@ -24,6 +24,10 @@ class String : public Object {
     return string(fmt::format(pattern, std::forward<Args>(args)...));
   }
 
+  /// Whether the bytes are well-formed UTF-8 (no overlong forms, surrogates or
+  /// code points past U+10FFFF).
+  static bool isValidUTF8(std::string_view text) noexcept;
+
   const std::string& utf8() const noexcept { return text_; }
   std::string_view view() const noexcept { return text_; }
   const char* UTF8String() const noexcept { return text_.c_str(); }

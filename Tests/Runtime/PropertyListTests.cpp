@@ -124,6 +124,9 @@ TEST(PropertyList, MalformedDataGivesCorruptError) {
       std::string("bplist00\xd1\x01\x02\x00\x00", 13),
       "<plist version=\"1.0\"><dict><string>no key</string></dict></plist>",
       "<plist version=\"1.0\"><unknown/></plist>",
+      // Text that is not UTF-8 would change when written back.
+      "<plist version=\"1.0\"><string>a\xff</string></plist>",
+      "<plist version=\"1.0\"><dict><key>\xc0\x80</key><true/></dict></plist>",
   };
   for (const std::string& input : inputs) {
     Ref<Error> error;

@@ -41,7 +41,7 @@ class TemporaryFile {
 
 /// Path of a script in this directory.
 inline std::string scriptPath(const char* name) {
-  return (std::filesystem::path(__FILE__).parent_path() / name).string();
+  return (std::filesystem::path(FENNICK_TEST_SOURCE_DIR) / "Runtime" / name).string();
 }
 
 /// Runs `python3 <script> <arguments>` and answers its standard output; the

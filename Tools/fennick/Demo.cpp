@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -204,15 +205,36 @@ void showFormats(std::FILE* out) {
                refused ? "no" : error->userInfo()->objectForKey(NSDebugDescriptionErrorKey)->description().c_str());
 }
 
+std::multimap<int, DemoSection>& demoSections() {
+  static std::multimap<int, DemoSection> sections;
+  return sections;
+}
+
+int runDemoCommand(const Arguments&) { return runDemo(stdout); }
+
+FENNICK_TOOL_COMMAND({.name = "demo",
+                      .summary = "a tour of the framework on sample data",
+                      .usage = "usage: fennick demo\n\n"
+                               "Shows what each part of the framework does, on embedded sample data\n"
+                               "and in a temporary folder that is removed afterwards.\n",
+                      .maxArguments = 0,
+                      .run = runDemoCommand});
+
+FENNICK_DEMO_SECTION(10, showObservation);
+FENNICK_DEMO_SECTION(20, showCollections);
+FENNICK_DEMO_SECTION(30, showFormats);
+FENNICK_DEMO_SECTION(40, showProactor);
+FENNICK_DEMO_SECTION(50, showCancellation);
+
 }  // namespace
+
+DemoSectionRegistrar::DemoSectionRegistrar(int rank, DemoSection section) {
+  demoSections().emplace(rank, section);
+}
 
 int runDemo(std::FILE* out) {
   std::fprintf(out, "Fennick %s: a tour\n", versionString());
-  showObservation(out);
-  showCollections(out);
-  showFormats(out);
-  showProactor(out);
-  showCancellation(out);
+  for (const auto& [rank, section] : demoSections()) section(out);
   return 0;
 }
 

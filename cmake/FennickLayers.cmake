@@ -1,0 +1,63 @@
+# The library is built in layers, each its own object library. A layer sees the
+# headers of its own directory and of the layers it names as dependencies, and
+# nothing else: an include that points up the stack fails to compile.
+#
+# Headers under an `Internal/` directory belong to their layer's sources only;
+# they are never installed.
+set(FENNICK_LAYER_INCLUDE_ROOT ${CMAKE_BINARY_DIR}/layers)
+set(FENNICK_LAYERS "")
+set(FENNICK_PUBLIC_HEADERS "")
+
+# fennick_layer(<Dir> [DEPENDS <lower layers>...] [PUBLIC_LIBS ...] [PRIVATE_LIBS ...])
+function(fennick_layer name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+  set(dir ${CMAKE_SOURCE_DIR}/Sources/${name})
+  set(root ${FENNICK_LAYER_INCLUDE_ROOT}/${name})
+  file(MAKE_DIRECTORY ${root}/fennick)
+  file(CREATE_LINK ${dir} ${root}/fennick/${name} SYMBOLIC)
+
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${dir}/*.cpp)
+  file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE ${CMAKE_SOURCE_DIR}/Sources ${dir}/*.h)
+  list(FILTER headers EXCLUDE REGEX "/Internal/")
+  set(target fennick_layer_${name})
+  add_library(${target} OBJECT ${sources})
+  fennick_configure_target(${target})
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${root}>)
+  foreach(lower ${ARG_DEPENDS})
+    target_link_libraries(${target} PUBLIC fennick_layer_${lower})
+  endforeach()
+  target_link_libraries(${target} PUBLIC ${ARG_PUBLIC_LIBS} PRIVATE ${ARG_PRIVATE_LIBS})
+
+  set(FENNICK_LAYERS ${FENNICK_LAYERS} ${name} PARENT_SCOPE)
+  set(FENNICK_PUBLIC_HEADERS ${FENNICK_PUBLIC_HEADERS} ${headers} PARENT_SCOPE)
+  set(FENNICK_LAYER_${name}_PRIVATE_LIBS ${ARG_PRIVATE_LIBS} PARENT_SCOPE)
+  set(FENNICK_LAYER_${name}_PUBLIC_LIBS ${ARG_PUBLIC_LIBS} PARENT_SCOPE)
+endfunction()
+
+# fennick_library(<target> SHARED|STATIC <layers>...): one library of the objects
+# of the given layers. Outside dependencies that only the sources use stay
+# private to a shared library.
+function(fennick_library target kind)
+  set(objects "")
+  set(public_libs "")
+  set(private_libs "")
+  foreach(layer ${ARGN})
+    list(APPEND objects $<TARGET_OBJECTS:fennick_layer_${layer}>)
+    list(APPEND public_libs ${FENNICK_LAYER_${layer}_PUBLIC_LIBS})
+    list(APPEND private_libs ${FENNICK_LAYER_${layer}_PRIVATE_LIBS})
+  endforeach()
+  list(REMOVE_DUPLICATES public_libs)
+  list(REMOVE_DUPLICATES private_libs)
+  add_library(${target} ${kind} ${objects})
+  fennick_configure_target(${target})
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  foreach(layer ${ARGN})
+    target_include_directories(${target} PUBLIC
+      $<BUILD_INTERFACE:${FENNICK_LAYER_INCLUDE_ROOT}/${layer}>)
+  endforeach()
+  target_include_directories(${target} PUBLIC
+    $<BUILD_INTERFACE:${FENNICK_LAYER_INCLUDE_ROOT}/Top>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${target} PUBLIC ${public_libs} PRIVATE ${private_libs})
+  add_library(Fennick::${target} ALIAS ${target})
+endfunction()
