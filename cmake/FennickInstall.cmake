@@ -25,5 +25,10 @@ install(FILES ${CMAKE_BINARY_DIR}/FennickConfig.cmake
               ${CMAKE_BINARY_DIR}/FennickConfigVersion.cmake
         DESTINATION ${FENNICK_CMAKE_DIR})
 
+set(FENNICK_PC_REQUIRES_PRIVATE "")
+foreach(entry ${FENNICK_PRIVATE_PKG_MODULES})
+  string(REGEX REPLACE "^[^=]*=" "" module ${entry})
+  string(APPEND FENNICK_PC_REQUIRES_PRIVATE " ${module}")
+endforeach()
 configure_file(${CMAKE_SOURCE_DIR}/cmake/fennick.pc.in ${CMAKE_BINARY_DIR}/fennick.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/fennick.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -9,14 +9,21 @@ set(FENNICK_LAYERS "")
 set(FENNICK_PUBLIC_HEADERS "")
 
 # fennick_layer(<Dir> [DEPENDS <lower layers>...] [PUBLIC_LIBS ...] [PRIVATE_LIBS ...])
+# A layer whose directory holds no sources yet is left out. FENNICK_<Dir>_PUBLIC_LIBS
+# and FENNICK_<Dir>_PRIVATE_LIBS, set by cmake/deps files, add to the lists given here.
 function(fennick_layer name)
   cmake_parse_arguments(ARG "" "" "DEPENDS;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+  list(APPEND ARG_PUBLIC_LIBS ${FENNICK_${name}_PUBLIC_LIBS})
+  list(APPEND ARG_PRIVATE_LIBS ${FENNICK_${name}_PRIVATE_LIBS})
   set(dir ${CMAKE_SOURCE_DIR}/Sources/${name})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${dir}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
   set(root ${FENNICK_LAYER_INCLUDE_ROOT}/${name})
   file(MAKE_DIRECTORY ${root}/fennick)
   file(CREATE_LINK ${dir} ${root}/fennick/${name} SYMBOLIC)
 
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${dir}/*.cpp)
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE ${CMAKE_SOURCE_DIR}/Sources ${dir}/*.h)
   list(FILTER headers EXCLUDE REGEX "/Internal/")
   set(target fennick_layer_${name})
@@ -24,7 +31,9 @@ function(fennick_layer name)
   fennick_configure_target(${target})
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${root}>)
   foreach(lower ${ARG_DEPENDS})
-    target_link_libraries(${target} PUBLIC fennick_layer_${lower})
+    if(TARGET fennick_layer_${lower})
+      target_link_libraries(${target} PUBLIC fennick_layer_${lower})
+    endif()
   endforeach()
   target_link_libraries(${target} PUBLIC ${ARG_PUBLIC_LIBS} PRIVATE ${ARG_PRIVATE_LIBS})
 
@@ -61,3 +70,13 @@ function(fennick_library target kind)
   target_link_libraries(${target} PUBLIC ${public_libs} PRIVATE ${private_libs})
   add_library(Fennick::${target} ALIAS ${target})
 endfunction()
+
+# fennick_private_pkg(<PREFIX> <pkg-config module> <Layer>): a pkg-config
+# library that a layer's sources use privately. It becomes PkgConfig::<PREFIX>,
+# a Requires.private of fennick.pc, and is looked up again by the installed
+# CMake package for consumers of the static library.
+macro(fennick_private_pkg prefix module layer)
+  pkg_check_modules(${prefix} REQUIRED IMPORTED_TARGET ${module})
+  list(APPEND FENNICK_${layer}_PRIVATE_LIBS PkgConfig::${prefix})
+  list(APPEND FENNICK_PRIVATE_PKG_MODULES "${prefix}=${module}")
+endmacro()
