@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "fennick/Dispatch/Internal/ConcurrentQueue.h"
 #include "fennick/Dispatch/Internal/CurrentQueue.h"
@@ -16,7 +17,8 @@
 namespace fennick::dispatch {
 
 using internal::ChainScope;
-using internal::QueueAccess;
+using internal::QueueCore;
+using internal::QueueKind;
 using internal::SerialQueue;
 using internal::SyncRequest;
 using internal::WorkItem;
@@ -81,14 +83,37 @@ void fail(const char* message, const char* label) noexcept {
   std::abort();
 }
 
-void runItem(WorkItem* item, Queue* running) noexcept {
+namespace {
+
+// Blocks must not throw. When one does, say where and what before the
+// process ends, instead of the bare terminate() a noexcept frame would give.
+[[noreturn]] void failThrown(const char* what) noexcept {
+  const char* label = currentFrame != nullptr ? currentFrame->queue->label().c_str() : "?";
+  std::fprintf(stderr, "fennick dispatch: a block on queue \"%s\" threw: %s\n", label, what);
+  std::fflush(stderr);
+  std::abort();
+}
+
+void runBlock(Block& block) noexcept {
+  try {
+    block();
+  } catch (const std::exception& error) {
+    failThrown(error.what());
+  } catch (...) {
+    failThrown("an exception that is not a std::exception");
+  }
+}
+
+}  // namespace
+
+void runItem(WorkItem* item, QueueCore* running) noexcept {
   switch (item->kind) {
     case ItemKind::Block:
       if (item->origin) {
         ChainScope scope(item->origin.get(), running);
-        item->block();
+        runBlock(item->block);
       } else {
-        item->block();
+        runBlock(item->block);
       }
       item->block.reset();
       item->origin.reset();
@@ -97,7 +122,7 @@ void runItem(WorkItem* item, Queue* running) noexcept {
     case ItemKind::Drain: {
       auto* queue = static_cast<SerialQueue*>(item->context);
       ChainScope scope(queue, running);
-      queue->drain();
+      queue->drain(running);
       return;
     }
     case ItemKind::SyncExecute: {
@@ -118,19 +143,6 @@ void runItem(WorkItem* item, Queue* running) noexcept {
 
 }  // namespace internal
 
-Queue::Queue(std::string label, qos_class_t qos, Kind kind, Ref<Queue> target)
-    : label_(std::move(label)),
-      qos_(qos),
-      kind_(kind),
-      targetPointer_(target.get()),
-      target_(std::move(target)) {}
-
-Queue::~Queue() {
-  for (const Specific& specific : specifics_) {
-    if (specific.destructor != nullptr) specific.destructor(specific.value);
-  }
-}
-
 Ref<Queue> Queue::createSerial(std::string label, qos_class_t qos, Ref<Queue> target) {
   qos = normalised(qos);
   if (!target) target = global(qos);
@@ -144,30 +156,31 @@ Ref<Queue> Queue::createConcurrent(std::string label, qos_class_t qos, Ref<Queue
 }
 
 void Queue::async(Block block) {
-  if (!block) internal::fail("async of an empty block onto queue", label_.c_str());
+  if (!block) internal::fail("async of an empty block onto queue", label().c_str());
   WorkItem* item = WorkItem::allocate();
   item->block = std::move(block);
-  enqueue(item, true);
+  QueueCore::of(*this).enqueue(item, true);
 }
 
 void Queue::syncInvoke(void (*function)(void*), void* context) {
-  Queue* chain[ChainScope::kMaxDepth];
+  QueueCore& self = QueueCore::of(*this);
+  QueueCore* chain[ChainScope::kMaxDepth];
   std::size_t depth = 0;
-  Queue* root = this;
-  for (; !QueueAccess::isRoot(*root); root = root->targetPointer()) {
-    if (depth == ChainScope::kMaxDepth) internal::fail("target chain too deep for sync onto", label_.c_str());
+  QueueCore* root = &self;
+  for (; !root->isRoot(); root = root->targetPointer()) {
+    if (depth == ChainScope::kMaxDepth) internal::fail("target chain too deep for sync onto", label().c_str());
     chain[depth++] = root;
   }
   for (std::size_t index = 0; index < depth; ++index) {
-    if (chain[index]->kind_ == Kind::Serial && isHeldByCurrentThread(chain[index])) {
+    if (chain[index]->kind() == QueueKind::Serial && isHeldByCurrentThread(chain[index])) {
       failDeadlock(*this, *chain[index]);
     }
   }
 
-  if (root->kind_ == Kind::MainLoop) {
+  if (root->kind() == QueueKind::MainLoop) {
     // The main queue's work runs on the main thread (and this is not it).
     SyncRequest request(internal::ItemKind::SyncExecute, function, context);
-    enqueue(&request.item, true);
+    self.enqueue(&request.item, true);
     request.waiter.wait();
     if (request.error) std::rethrow_exception(request.error);
     return;
@@ -176,74 +189,50 @@ void Queue::syncInvoke(void (*function)(void*), void* context) {
   SyncRequest request(internal::ItemKind::SyncWaiter, nullptr, nullptr);
   AcquiredQueues acquired;
   for (std::size_t index = 0; index < depth; ++index) {
-    if (chain[index]->kind_ != Kind::Serial) continue;
+    if (chain[index]->kind() != QueueKind::Serial) continue;
     auto* serial = static_cast<SerialQueue*>(chain[index]);
     if (!serial->tryAcquire()) serial->acquire(request);
     acquired.add(serial);
   }
-  ChainScope scope(this, nullptr);
+  ChainScope scope(&self, nullptr);
   function(context);
 }
 
+Queue::~Queue() = default;
+
+const std::string& Queue::label() const noexcept { return QueueCore::of(*this).label(); }
+
+qos_class_t Queue::qos() const noexcept { return QueueCore::of(*this).qos(); }
+
+bool Queue::isSerial() const noexcept { return QueueCore::of(*this).kind() == QueueKind::Serial; }
+
 void Queue::setTarget(Ref<Queue> target) {
-  if (kind_ == Kind::Global || kind_ == Kind::MainLoop || isMainQueue(this)) {
-    internal::fail("cannot change the target of queue", label_.c_str());
+  QueueCore& core = QueueCore::of(*this);
+  if (core.isRoot() || isMainQueue(&core)) internal::fail("cannot change the target of queue", label().c_str());
+  if (!target) target = global(qos());
+  if (!core.retarget(std::move(target))) {
+    internal::fail("setting this target would make a cycle for queue", label().c_str());
   }
-  if (!target) target = global(qos_);
-  for (const Queue* queue = target.get(); queue != nullptr; queue = queue->targetPointer()) {
-    if (queue == this) internal::fail("setting this target would make a cycle for queue", label_.c_str());
-  }
-  std::lock_guard lock(mutex_);
-  if (target == target_) return;
-  // Another thread may be walking the chain through the old target right now,
-  // so it stays alive as long as this queue does.
-  if (std::find(formerTargets_.begin(), formerTargets_.end(), target_) == formerTargets_.end()) {
-    formerTargets_.push_back(target_);
-  }
-  targetPointer_.store(target.get(), std::memory_order_release);
-  target_ = std::move(target);
 }
 
 Ref<Queue> Queue::target() const {
-  if (kind_ == Kind::Global || kind_ == Kind::MainLoop || isMainQueue(this)) return nullptr;
-  std::lock_guard lock(mutex_);
-  return target_;
+  const QueueCore& core = QueueCore::of(*this);
+  if (core.isRoot() || isMainQueue(&core)) return nullptr;
+  return core.target();
 }
 
 void Queue::setSpecific(const void* key, void* value, void (*destructor)(void*)) {
-  Specific replaced{key, nullptr, nullptr};
-  {
-    std::lock_guard lock(mutex_);
-    auto found = std::find_if(specifics_.begin(), specifics_.end(),
-                              [key](const Specific& specific) { return specific.key == key; });
-    if (found != specifics_.end()) {
-      replaced = *found;
-      if (value != nullptr) {
-        *found = Specific{key, value, destructor};
-      } else {
-        specifics_.erase(found);
-      }
-    } else if (value != nullptr) {
-      specifics_.push_back(Specific{key, value, destructor});
-    }
-  }
-  if (replaced.destructor != nullptr && replaced.value != value) replaced.destructor(replaced.value);
+  QueueCore::of(*this).setSpecific(key, value, destructor);
 }
 
-void* Queue::getSpecific(const void* key) const {
-  std::lock_guard lock(mutex_);
-  for (const Specific& specific : specifics_) {
-    if (specific.key == key) return specific.value;
-  }
-  return nullptr;
-}
+void* Queue::getSpecific(const void* key) const { return QueueCore::of(*this).getSpecific(key); }
 
 void* Queue::getSpecificCurrent(const void* key) {
-  const Queue* queue = nullptr;
+  const QueueCore* queue = nullptr;
   if (internal::currentFrame != nullptr) {
     queue = internal::currentFrame->queue;
   } else if (isMainThread()) {
-    queue = internal::MainLoop::mainQueue().get();
+    queue = &QueueCore::of(*internal::MainLoop::mainQueue());
   }
   for (; queue != nullptr; queue = queue->targetPointer()) {
     if (void* value = queue->getSpecific(key)) return value;

@@ -11,16 +11,13 @@
 //
 // Queues are always held through Ref<Queue>. Dropping the last reference is
 // safe at any time: work already submitted keeps the queue alive until it ran.
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "fennick/Dispatch/Block.h"
 #include "fennick/Dispatch/QoS.h"
@@ -29,11 +26,10 @@
 namespace fennick::dispatch {
 
 namespace internal {
-struct WorkItem;
-struct QueueAccess;
+class QueueCore;
 }  // namespace internal
 
-class Queue : public std::enable_shared_from_this<Queue> {
+class Queue {
  public:
   /// A new serial queue. `qos` must be one of the QOS_CLASS_ values (any other
   /// value is taken as unspecified). Without a target the queue drains on
@@ -48,9 +44,10 @@ class Queue : public std::enable_shared_from_this<Queue> {
   Queue(const Queue&) = delete;
   Queue& operator=(const Queue&) = delete;
 
-  const std::string& label() const noexcept { return label_; }
-  qos_class_t qos() const noexcept { return qos_; }
-  bool isSerial() const noexcept { return kind_ == Kind::Serial; }
+  const std::string& label() const noexcept;
+  qos_class_t qos() const noexcept;
+  /// True for serial queues (the main queue included).
+  bool isSerial() const noexcept;
 
   /// Submits `block` to run later on this queue and returns at once. Blocks
   /// must not throw: an exception leaving a block ends the process.
@@ -93,43 +90,12 @@ class Queue : public std::enable_shared_from_this<Queue> {
   /// main thread.
   bool isCurrent() const;
 
- protected:
-  enum class Kind : std::uint8_t {
-    Serial,      // one block at a time
-    Concurrent,  // forwards each block to its target
-    Global,      // a root, served by the worker pool
-    MainLoop,    // the root of the main queue, served by the main thread
-  };
-
-  Queue(std::string label, qos_class_t qos, Kind kind, Ref<Queue> target);
-
-  /// Takes ownership of `item` (or runs it in place) on behalf of this queue;
-  /// `wake` asks for a thread to be woken if the queue needs one.
-  virtual void enqueue(internal::WorkItem* item, bool wake) = 0;
-
-  Kind kind() const noexcept { return kind_; }
-  /// Raw target, valid while this queue lives (former targets are kept).
-  Queue* targetPointer() const noexcept { return targetPointer_.load(std::memory_order_acquire); }
-
  private:
-  friend struct internal::QueueAccess;
-
-  struct Specific {
-    const void* key;
-    void* value;
-    void (*destructor)(void*);
-  };
+  // Every queue is made by the engine, which keeps its state out of sight.
+  friend class internal::QueueCore;
+  Queue() noexcept = default;
 
   void syncInvoke(void (*function)(void*), void* context);
-
-  const std::string label_;
-  const qos_class_t qos_;
-  const Kind kind_;
-  std::atomic<Queue*> targetPointer_;
-  mutable std::mutex mutex_;           // guards the members below
-  Ref<Queue> target_;
-  std::vector<Ref<Queue>> formerTargets_;
-  std::vector<Specific> specifics_;
 };
 
 /// The global concurrent queue of a quality-of-service class (unspecified
@@ -171,3 +137,8 @@ decltype(auto) Queue::sync(F&& f) {
 }
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::Queue;
+}  // namespace fennick

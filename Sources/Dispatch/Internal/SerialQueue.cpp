@@ -10,7 +10,7 @@
 namespace fennick::dispatch::internal {
 
 SerialQueue::SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target)
-    : Queue(std::move(label), qos, Kind::Serial, std::move(target)) {
+    : QueueCore(std::move(label), qos, QueueKind::Serial, std::move(target)) {
   drainItem_.kind = ItemKind::Drain;
   drainItem_.context = this;
 }
@@ -24,10 +24,10 @@ void SerialQueue::enqueue(WorkItem* item, bool wake) {
 
 void SerialQueue::schedule(bool wake) {
   keepAlive_ = shared_from_this();
-  QueueAccess::enqueue(*targetPointer(), &drainItem_, wake);
+  targetPointer()->enqueue(&drainItem_, wake);
 }
 
-void SerialQueue::drain() noexcept {
+void SerialQueue::drain(QueueCore* running) noexcept {
   std::uint64_t retired = 0;
   // Read once: carried_ shares a cache line with the producers' counter.
   WorkItem* carried = std::exchange(carried_, nullptr);
@@ -45,22 +45,24 @@ void SerialQueue::drain() noexcept {
     }
     runItem(item, this);
   }
-  finishBatch(retired);
+  finishBatch(retired, running);
 }
 
-void SerialQueue::finishBatch(std::uint64_t retired) noexcept {
-  Ref<Queue> self = std::move(keepAlive_);
+void SerialQueue::finishBatch(std::uint64_t retired, QueueCore* running) noexcept {
+  Ref<QueueCore> self = std::move(keepAlive_);
   if (pending_.fetch_sub(retired, std::memory_order_acq_rel) == retired) return;
   // Work is left: go to the back of the target so that its other queues get a
-  // turn. The thread running us continues with the target, so nobody is woken.
+  // turn. The thread running us continues with that target, so nobody needs
+  // waking, unless the queue was retargeted during the batch.
   keepAlive_ = std::move(self);
-  QueueAccess::enqueue(*targetPointer(), &drainItem_, false);
+  QueueCore* target = targetPointer();
+  target->enqueue(&drainItem_, target != running);
 }
 
 void SerialQueue::handOff(SyncRequest& request, std::uint64_t retired) noexcept {
   // The waiter's own item stays counted: it stands for the new owner.
   if (retired > 1) pending_.fetch_sub(retired - 1, std::memory_order_acq_rel);
-  Ref<Queue> self = std::move(keepAlive_);
+  Ref<QueueCore> self = std::move(keepAlive_);
   request.waiter.signal();
 }
 

@@ -13,19 +13,20 @@
 
 #include "fennick/Dispatch/Internal/MpscQueue.h"
 #include "fennick/Dispatch/Internal/WorkItem.h"
-#include "fennick/Dispatch/Queue.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
 
 namespace fennick::dispatch::internal {
 
 struct SyncRequest;
 
-class SerialQueue final : public Queue {
+class SerialQueue final : public QueueCore {
  public:
   SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target);
   ~SerialQueue() override;
 
-  /// Runs one batch. Called by the target's runner, with this queue current.
-  void drain() noexcept;
+  /// Runs one batch. Called by the runner of `running` (the target when the
+  /// drain was scheduled), with this queue current.
+  void drain(QueueCore* running) noexcept;
 
   /// Sync: takes the queue if it is idle.
   bool tryAcquire() noexcept;
@@ -37,19 +38,19 @@ class SerialQueue final : public Queue {
   /// Items a drain runs before it lets other queues of its target go first.
   static constexpr std::uint64_t kBatchLimit = 128;
 
- protected:
+ public:
   void enqueue(WorkItem* item, bool wake) override;
 
  private:
   void schedule(bool wake);
-  void finishBatch(std::uint64_t retired) noexcept;
+  void finishBatch(std::uint64_t retired, QueueCore* running) noexcept;
   void handOff(SyncRequest& request, std::uint64_t retired) noexcept;
   WorkItem* popReady() noexcept;
 
   MpscQueue<WorkItem> items_;
   alignas(64) std::atomic<std::uint64_t> pending_{0};
   // Keeps the queue alive while its drain is scheduled; only the owner touches it.
-  Ref<Queue> keepAlive_;
+  Ref<QueueCore> keepAlive_;
   // An item that a releasing sync holder took off the list before scheduling a
   // drain; the drain runs it first. Touched only by the queue's owner.
   WorkItem* carried_ = nullptr;

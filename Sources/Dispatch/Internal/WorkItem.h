@@ -8,8 +8,8 @@
 #include "fennick/Dispatch/Block.h"
 #include "fennick/Dispatch/Ref.h"
 
-namespace fennick::dispatch {
-class Queue;
+namespace fennick::dispatch::internal {
+class QueueCore;
 }
 
 namespace fennick::dispatch::internal {
@@ -27,7 +27,7 @@ struct WorkItem {
   void* context = nullptr;
   // Set when a concurrent queue forwards the item to its target: the queues from
   // `origin` up to the running one are current while the item runs.
-  Ref<Queue> origin;
+  Ref<QueueCore> origin;
   Block block;
 
   /// An empty Block item.

@@ -137,7 +137,7 @@ WorkItem* WorkerPool::search(int& index) noexcept {
 }
 
 void WorkerPool::run(WorkItem* item, int index) noexcept {
-  Queue* queue = roots_[index].queue.get();
+  QueueCore* queue = &QueueCore::of(*roots_[index].queue);
   FrameScope scope(queue);
   runItem(item, queue);
 }
