@@ -4,10 +4,19 @@
 // A queue runs blocks submitted to it. A serial queue runs one block at a
 // time, in submission order; a concurrent queue may run many at once. Every
 // queue drains on a target: by default the global queue of its quality of
-// service, which runs on Fennick's one shared worker pool (about as many
-// running threads as cores, more while workers block, idle threads retire).
-// A serial queue that targets another serial queue never runs at the same time
-// as it or as the target's other work. No queue owns a thread.
+// service, which runs on Fennick's one shared worker pool. A serial queue that
+// targets another serial queue never runs at the same time as it or as the
+// target's other work. No queue owns a thread.
+//
+// Blocks that block. The pool runs about one worker per core. A block may
+// still block (read a pipe, wait for a child process, take a contended lock):
+// when queued work has made no progress for about 10 ms while workers sit
+// asleep in the kernel inside their blocks, the pool counts those workers as
+// blocked and wakes or starts others, at most 32 such workers per quality of
+// service and 255 threads in all; they count again when their blocks return,
+// and workers idle for 5 s retire. Blocks that keep a core busy get no extra
+// threads: another thread would not run sooner. A BlockingScope around a call
+// known to block tells the pool at once, without the delay.
 //
 // Queues are always held through Ref<Queue>. Dropping the last reference is
 // safe at any time: work already submitted keeps the queue alive until it ran.
