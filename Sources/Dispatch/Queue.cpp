@@ -8,6 +8,7 @@
 #include "fennick/Dispatch/Internal/ConcurrentQueue.h"
 #include "fennick/Dispatch/Internal/CurrentQueue.h"
 #include "fennick/Dispatch/Internal/MainLoop.h"
+#include "fennick/Dispatch/Internal/Reactor.h"
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 #include "fennick/Dispatch/Internal/SerialQueue.h"
 #include "fennick/Dispatch/Internal/SyncRequest.h"
@@ -17,6 +18,7 @@
 namespace fennick::dispatch {
 
 using internal::ChainScope;
+using internal::ConcurrentQueue;
 using internal::QueueCore;
 using internal::QueueKind;
 using internal::SerialQueue;
@@ -53,95 +55,45 @@ bool isHeldByCurrentThread(const Queue* queue) {
   std::abort();
 }
 
-// Releases, innermost last, the serial queues a sync call acquired.
-class AcquiredQueues {
+// The queues of a target chain that a sync call took (serial) or entered
+// (concurrent), given back innermost last.
+class HeldChain {
  public:
-  AcquiredQueues() = default;
-  AcquiredQueues(const AcquiredQueues&) = delete;
-  AcquiredQueues& operator=(const AcquiredQueues&) = delete;
-  ~AcquiredQueues() {
-    while (count_ > 0) queues_[--count_]->release();
+  HeldChain() = default;
+  HeldChain(const HeldChain&) = delete;
+  HeldChain& operator=(const HeldChain&) = delete;
+  ~HeldChain() {
+    while (count_ > 0) {
+      const Entry& entry = entries_[--count_];
+      if (entry.queue->kind() == QueueKind::Serial) {
+        static_cast<SerialQueue*>(entry.queue)->release();
+      } else {
+        static_cast<ConcurrentQueue*>(entry.queue)->leave(entry.barrier);
+      }
+    }
   }
-  void add(SerialQueue* queue) noexcept { queues_[count_++] = queue; }
+
+  void take(QueueCore* queue, SyncRequest& request, bool barrier) {
+    if (queue->kind() == QueueKind::Serial) {
+      auto* serial = static_cast<SerialQueue*>(queue);
+      if (!serial->tryAcquire()) serial->acquire(request);
+    } else {
+      static_cast<ConcurrentQueue*>(queue)->enter(request, barrier, internal::hasFrame(queue));
+    }
+    entries_[count_++] = Entry{queue, barrier};
+  }
 
  private:
-  SerialQueue* queues_[ChainScope::kMaxDepth];
+  struct Entry {
+    QueueCore* queue;
+    bool barrier;
+  };
+  Entry entries_[ChainScope::kMaxDepth];
   std::size_t count_ = 0;
 };
 
 }  // namespace
 
-namespace internal {
-
-void fail(const char* message, const char* label) noexcept {
-  if (label != nullptr) {
-    std::fprintf(stderr, "fennick dispatch: %s \"%s\"\n", message, label);
-  } else {
-    std::fprintf(stderr, "fennick dispatch: %s\n", message);
-  }
-  std::fflush(stderr);
-  std::abort();
-}
-
-namespace {
-
-// Blocks must not throw. When one does, say where and what before the
-// process ends, instead of the bare terminate() a noexcept frame would give.
-[[noreturn]] void failThrown(const char* what) noexcept {
-  const char* label = currentFrame != nullptr ? currentFrame->queue->label().c_str() : "?";
-  std::fprintf(stderr, "fennick dispatch: a block on queue \"%s\" threw: %s\n", label, what);
-  std::fflush(stderr);
-  std::abort();
-}
-
-void runBlock(Block& block) noexcept {
-  try {
-    block();
-  } catch (const std::exception& error) {
-    failThrown(error.what());
-  } catch (...) {
-    failThrown("an exception that is not a std::exception");
-  }
-}
-
-}  // namespace
-
-void runItem(WorkItem* item, QueueCore* running) noexcept {
-  switch (item->kind) {
-    case ItemKind::Block:
-      if (item->origin) {
-        ChainScope scope(item->origin.get(), running);
-        runBlock(item->block);
-      } else {
-        runBlock(item->block);
-      }
-      item->block.reset();
-      item->origin.reset();
-      WorkItem::recycle(item);
-      return;
-    case ItemKind::Drain: {
-      auto* queue = static_cast<SerialQueue*>(item->context);
-      ChainScope scope(queue, running);
-      queue->drain(running);
-      return;
-    }
-    case ItemKind::SyncExecute: {
-      auto* request = static_cast<SyncRequest*>(item->context);
-      {
-        ChainScope scope(item->origin.get(), running);
-        request->run();
-      }
-      item->origin.reset();
-      request->waiter.signal();
-      return;
-    }
-    case ItemKind::SyncWaiter:
-      break;
-  }
-  fail("a sync waiter reached a queue that is not serial");
-}
-
-}  // namespace internal
 
 Ref<Queue> Queue::createSerial(std::string label, qos_class_t qos, Ref<Queue> target) {
   qos = normalised(qos);
@@ -152,18 +104,61 @@ Ref<Queue> Queue::createSerial(std::string label, qos_class_t qos, Ref<Queue> ta
 Ref<Queue> Queue::createConcurrent(std::string label, qos_class_t qos, Ref<Queue> target) {
   qos = normalised(qos);
   if (!target) target = global(qos);
-  return std::make_shared<internal::ConcurrentQueue>(std::move(label), qos, std::move(target));
+  return std::make_shared<ConcurrentQueue>(std::move(label), qos, std::move(target));
 }
 
-void Queue::async(Block block) {
-  if (!block) internal::fail("async of an empty block onto queue", label().c_str());
+Ref<Queue> Queue::createInactiveSerial(std::string label, qos_class_t qos, Ref<Queue> target) {
+  qos = normalised(qos);
+  if (!target) target = global(qos);
+  return std::make_shared<SerialQueue>(std::move(label), qos, std::move(target), true);
+}
+
+Ref<Queue> Queue::createInactiveConcurrent(std::string label, qos_class_t qos, Ref<Queue> target) {
+  qos = normalised(qos);
+  if (!target) target = global(qos);
+  return std::make_shared<ConcurrentQueue>(std::move(label), qos, std::move(target), true);
+}
+
+namespace {
+
+WorkItem* itemFor(Block block, const Queue& queue) {
+  if (!block) internal::fail("an empty block submitted to queue", queue.label().c_str());
   WorkItem* item = WorkItem::allocate();
   item->block = std::move(block);
-  QueueCore::of(*this).enqueue(item, true);
+  return item;
 }
 
-void Queue::syncInvoke(void (*function)(void*), void* context) {
+}  // namespace
+
+void Queue::async(Block block) { QueueCore::of(*this).enqueue(itemFor(std::move(block), *this), true); }
+
+void Queue::barrierAsync(Block block) {
+  QueueCore::of(*this).enqueueBarrier(itemFor(std::move(block), *this));
+}
+
+void Queue::after(Time when, Block block) {
+  WorkItem* item = itemFor(std::move(block), *this);
+  if (when.isForever()) {
+    WorkItem::discard(item);
+    return;
+  }
   QueueCore& self = QueueCore::of(*this);
+  if (when.remaining().count() <= 0) {
+    self.enqueue(item, true);
+    return;
+  }
+  internal::Reactor::submitAt(when, self.shared_from_this(), item);
+}
+
+void Queue::suspend() { QueueCore::of(*this).suspend(); }
+
+void Queue::resume() { QueueCore::of(*this).resume(); }
+
+void Queue::activate() { QueueCore::of(*this).activate(); }
+
+void Queue::syncInvoke(void (*function)(void*), void* context, bool barrier) {
+  QueueCore& self = QueueCore::of(*this);
+  barrier = barrier && self.kind() == QueueKind::Concurrent;
   QueueCore* chain[ChainScope::kMaxDepth];
   std::size_t depth = 0;
   QueueCore* root = &self;
@@ -172,28 +167,26 @@ void Queue::syncInvoke(void (*function)(void*), void* context) {
     chain[depth++] = root;
   }
   for (std::size_t index = 0; index < depth; ++index) {
-    if (chain[index]->kind() == QueueKind::Serial && isHeldByCurrentThread(chain[index])) {
-      failDeadlock(*this, *chain[index]);
-    }
+    const bool exclusive = chain[index]->kind() == QueueKind::Serial || (barrier && index == 0);
+    if (exclusive && isHeldByCurrentThread(chain[index])) failDeadlock(*this, *chain[index]);
   }
 
   if (root->kind() == QueueKind::MainLoop) {
     // The main queue's work runs on the main thread (and this is not it).
     SyncRequest request(internal::ItemKind::SyncExecute, function, context);
-    self.enqueue(&request.item, true);
+    if (barrier) {
+      self.enqueueBarrier(&request.item);
+    } else {
+      self.enqueue(&request.item, true);
+    }
     request.waiter.wait();
     if (request.error) std::rethrow_exception(request.error);
     return;
   }
 
   SyncRequest request(internal::ItemKind::SyncWaiter, nullptr, nullptr);
-  AcquiredQueues acquired;
-  for (std::size_t index = 0; index < depth; ++index) {
-    if (chain[index]->kind() != QueueKind::Serial) continue;
-    auto* serial = static_cast<SerialQueue*>(chain[index]);
-    if (!serial->tryAcquire()) serial->acquire(request);
-    acquired.add(serial);
-  }
+  HeldChain held;
+  for (std::size_t index = 0; index < depth; ++index) held.take(chain[index], request, barrier && index == 0);
   ChainScope scope(&self, nullptr);
   function(context);
 }

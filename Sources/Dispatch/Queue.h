@@ -19,7 +19,13 @@
 // known to block tells the pool at once, without the delay.
 //
 // Queues are always held through Ref<Queue>. Dropping the last reference is
-// safe at any time: work already submitted keeps the queue alive until it ran.
+// safe at any time: work already submitted keeps the queue alive until it ran
+// (a queue left suspended or never activated discards its waiting work).
+//
+// Thread safety: every operation may be called from any thread. Blocks must
+// not throw: an exception escaping a block ends the process with a message
+// naming the queue and the exception.
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,6 +37,7 @@
 #include "fennick/Dispatch/Block.h"
 #include "fennick/Dispatch/QoS.h"
 #include "fennick/Dispatch/Ref.h"
+#include "fennick/Dispatch/Time.h"
 
 namespace fennick::dispatch {
 
@@ -48,6 +55,13 @@ class Queue {
   /// A new concurrent queue: blocks may run in parallel, each on the target.
   static Ref<Queue> createConcurrent(std::string label, qos_class_t qos = QOS_CLASS_UNSPECIFIED,
                                      Ref<Queue> target = nullptr);
+  /// The same queues, created inactive: they accept work (and setTarget())
+  /// but run nothing until activate() is called once.
+  static Ref<Queue> createInactiveSerial(std::string label, qos_class_t qos = QOS_CLASS_UNSPECIFIED,
+                                         Ref<Queue> target = nullptr);
+  static Ref<Queue> createInactiveConcurrent(std::string label,
+                                             qos_class_t qos = QOS_CLASS_UNSPECIFIED,
+                                             Ref<Queue> target = nullptr);
 
   virtual ~Queue();
   Queue(const Queue&) = delete;
@@ -58,9 +72,24 @@ class Queue {
   /// True for serial queues (the main queue included).
   bool isSerial() const noexcept;
 
-  /// Submits `block` to run later on this queue and returns at once. Blocks
-  /// must not throw: an exception leaving a block ends the process.
+  /// Submits `block` to run later on this queue and returns at once.
   void async(Block block);
+
+  /// Submits `block` at `when` (NOW or a past time: at once; FOREVER: never,
+  /// and the block is released). Waiting costs no thread: the deadlines sit
+  /// on the event reactor's timers. A wall-clock time follows changes of the
+  /// system clock. The block then queues like any async block.
+  void after(Time when, Block block);
+
+  /// Runs `f(index)` for every index in [0, iterations) and returns when all
+  /// have returned. On a concurrent queue the indices are handed out in
+  /// chunks to helpers on the queue, one per core, and the calling thread
+  /// takes part, so apply() from a worker cannot starve the pool. On a serial
+  /// queue, or one that drains through a serial queue, the calls run one after
+  /// another on the calling thread, as in sync(). `f` is called concurrently
+  /// with itself and must not throw.
+  template <class F>
+  void apply(std::size_t iterations, F&& f);
 
   /// Runs `f` on the calling thread once this queue (and every serial queue on
   /// its target chain) has finished the work submitted before, exclusively with
@@ -71,7 +100,32 @@ class Queue {
   /// process with a message naming the queue. A sync onto the main queue, or a
   /// queue draining on it, runs f on the main thread.
   template <class F>
-  decltype(auto) sync(F&& f);
+  decltype(auto) sync(F&& f) {
+    return invokeSync(std::forward<F>(f), false);
+  }
+
+  /// Barriers, for concurrent queues: the block starts once every block
+  /// submitted to this queue before it has returned, runs alone, and blocks
+  /// submitted after it wait until it has returned. On a serial queue or a
+  /// global queue these are plain async() and sync(). Blocks that reach this
+  /// queue through another concurrent queue are that queue's to order. A
+  /// barrierSync from a block running on this queue aborts (it would wait for
+  /// itself).
+  void barrierAsync(Block block);
+  template <class F>
+  decltype(auto) barrierSync(F&& f) {
+    return invokeSync(std::forward<F>(f), true);
+  }
+
+  /// Suspension, for serial and concurrent queues (global queues abort).
+  /// suspend() stops the queue from starting blocks once those running now
+  /// return; the queue keeps its work, accepts more, and a sync() onto it
+  /// waits. resume() undoes one suspend(): they nest, and a resume() without a
+  /// suspend() aborts. activate() starts a queue created inactive, once;
+  /// later calls and calls on active queues do nothing.
+  void suspend();
+  void resume();
+  void activate();
 
   /// Changes where this queue drains; nullptr means global(qos()). Work already
   /// handed to the old target finishes there; later batches use the new one.
@@ -104,7 +158,11 @@ class Queue {
   friend class internal::QueueCore;
   Queue() noexcept = default;
 
-  void syncInvoke(void (*function)(void*), void* context);
+  template <class F>
+  decltype(auto) invokeSync(F&& f, bool barrier);
+  void syncInvoke(void (*function)(void*), void* context, bool barrier);
+  void applyInvoke(std::size_t iterations, void (*chunk)(void*, std::size_t, std::size_t),
+                   void* context);
 };
 
 /// The global concurrent queue of a quality-of-service class (unspecified
@@ -112,12 +170,12 @@ class Queue {
 Ref<Queue> global(qos_class_t qos = QOS_CLASS_DEFAULT);
 
 template <class F>
-decltype(auto) Queue::sync(F&& f) {
+decltype(auto) Queue::invokeSync(F&& f, bool barrier) {
   using Function = std::remove_reference_t<F>;
   using Result = std::invoke_result_t<Function&>;
   if constexpr (std::is_void_v<Result>) {
     syncInvoke([](void* context) { std::invoke(*static_cast<Function*>(context)); },
-               const_cast<void*>(static_cast<const void*>(std::addressof(f))));
+               const_cast<void*>(static_cast<const void*>(std::addressof(f))), barrier);
   } else if constexpr (std::is_reference_v<Result>) {
     struct Call {
       Function& function;
@@ -128,7 +186,7 @@ decltype(auto) Queue::sync(F&& f) {
           auto& c = *static_cast<Call*>(context);
           c.result = std::addressof(std::invoke(c.function));
         },
-        &call);
+        &call, barrier);
     return static_cast<Result>(*call.result);
   } else {
     struct Call {
@@ -140,9 +198,21 @@ decltype(auto) Queue::sync(F&& f) {
           auto& c = *static_cast<Call*>(context);
           c.result.emplace(std::invoke(c.function));
         },
-        &call);
+        &call, barrier);
     return Result(std::move(*call.result));
   }
+}
+
+template <class F>
+void Queue::apply(std::size_t iterations, F&& f) {
+  using Function = std::remove_reference_t<F>;
+  applyInvoke(
+      iterations,
+      [](void* context, std::size_t begin, std::size_t end) {
+        Function& function = *static_cast<Function*>(context);
+        for (std::size_t index = begin; index < end; ++index) std::invoke(function, index);
+      },
+      const_cast<void*>(static_cast<const void*>(std::addressof(f))));
 }
 
 }  // namespace fennick::dispatch

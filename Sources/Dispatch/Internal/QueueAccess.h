@@ -9,6 +9,10 @@ namespace fennick::dispatch::internal {
 /// naming the queue and the exception.
 void runItem(WorkItem* item, QueueCore* running) noexcept;
 
+/// Runs a block; an exception escaping it ends the process with a message
+/// naming the current queue.
+void runBlock(Block& block) noexcept;
+
 /// Aborts with "fennick dispatch: <message>" on standard error.
 [[noreturn]] void fail(const char* message, const char* label = nullptr) noexcept;
 

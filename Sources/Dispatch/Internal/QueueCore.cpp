@@ -52,6 +52,12 @@ bool QueueCore::retarget(Ref<Queue> target) {
   return true;
 }
 
+void QueueCore::suspend() { fail("cannot suspend queue", label_.c_str()); }
+
+void QueueCore::resume() { fail("cannot resume queue", label_.c_str()); }
+
+void QueueCore::activate() {}
+
 Ref<Queue> QueueCore::target() const {
   std::lock_guard lock(mutex_);
   return target_;

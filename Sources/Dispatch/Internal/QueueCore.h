@@ -44,6 +44,13 @@ class QueueCore : public Queue, public std::enable_shared_from_this<QueueCore> {
   /// Takes ownership of `item` (or runs it in place) on behalf of this queue;
   /// `wake` asks for a thread to be woken if the queue needs one.
   virtual void enqueue(WorkItem* item, bool wake) = 0;
+  /// A block that runs alone on a concurrent queue; elsewhere a plain one.
+  virtual void enqueueBarrier(WorkItem* item) { enqueue(item, true); }
+
+  /// Suspension, for serial and concurrent queues; the roots abort.
+  virtual void suspend();
+  virtual void resume();
+  virtual void activate();
 
   void setSpecific(const void* key, void* value, void (*destructor)(void*));
   void* getSpecific(const void* key) const;

@@ -8,12 +8,16 @@
 // drain that meets a waiting sync caller hands ownership to it and stops. A
 // sync caller that is done hands the queue straight to the next waiting sync
 // caller, or schedules the drain when other work is left.
+//
+// An owner that finds the queue suspended parks it instead of going on (see
+// Suspension); the resume that ends the suspension restarts it.
 #include <atomic>
 #include <cstdint>
 
 #include "fennick/Dispatch/Internal/MpscQueue.h"
 #include "fennick/Dispatch/Internal/WorkItem.h"
 #include "fennick/Dispatch/Internal/QueueCore.h"
+#include "fennick/Dispatch/Internal/Suspension.h"
 
 namespace fennick::dispatch::internal {
 
@@ -21,14 +25,18 @@ struct SyncRequest;
 
 class SerialQueue final : public QueueCore {
  public:
-  SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target);
+  SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target, bool inactive = false);
   ~SerialQueue() override;
 
   /// Runs one batch. Called by the runner of `running` (the target when the
   /// drain was scheduled), with this queue current.
   void drain(QueueCore* running) noexcept;
 
-  /// Sync: takes the queue if it is idle.
+  void suspend() override { suspension_.suspend(); }
+  void resume() override;
+  void activate() override;
+
+  /// Sync: takes the queue if it is idle and not suspended.
   bool tryAcquire() noexcept;
   /// Sync: waits in line until a drain hands the queue over.
   void acquire(SyncRequest& request) noexcept;
@@ -43,7 +51,11 @@ class SerialQueue final : public QueueCore {
 
  private:
   void schedule(bool wake);
+  /// The caller owns the queue and it has work: drain it unless suspended.
+  void start(bool wake);
   void finishBatch(std::uint64_t retired, QueueCore* running) noexcept;
+  /// Stops a drain that found the queue suspended.
+  void pause(std::uint64_t retired) noexcept;
   void handOff(SyncRequest& request, std::uint64_t retired) noexcept;
   WorkItem* popReady() noexcept;
 
@@ -55,6 +67,7 @@ class SerialQueue final : public QueueCore {
   // drain; the drain runs it first. Touched only by the queue's owner.
   WorkItem* carried_ = nullptr;
   WorkItem drainItem_;
+  Suspension suspension_;
 };
 
 }  // namespace fennick::dispatch::internal
