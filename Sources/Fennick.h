@@ -29,10 +29,12 @@
 #include "fennick/Runtime/URL.h"
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
+#include "fennick/Runtime/VersionOrder.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
 #include "fennick/Helpers/OVBaseRouter.h"
+#include "fennick/Helpers/OVBundleInformation.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVCancellationGroup.h"
 #include "fennick/Helpers/OVObjectHolder.h"
@@ -41,3 +43,4 @@
 #include "fennick/Helpers/OVSafeRunner.h"
 #include "fennick/Helpers/OVStateMachine.h"
 #include "fennick/Helpers/OVValueOrError.h"
+#include "fennick/Helpers/OVVersionComparator.h"
