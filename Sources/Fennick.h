@@ -39,6 +39,7 @@
 #include "fennick/Helpers/OVCancellationGroup.h"
 #include "fennick/Helpers/OVClassReflection.h"
 #include "fennick/Helpers/OVEnumValueTransformer.h"
+#include "fennick/Helpers/OVJSONParser.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Helpers/OVPropertyReflection.h"
 #include "fennick/Helpers/OVProactor.h"
