@@ -92,6 +92,9 @@ TEST(BundleCommand, PrintsNameIdentifierAndVersions) {
   auto none = runTool({"bundle", dir.path()});
   EXPECT_EQ(none.status, 1);
   EXPECT_NE(none.err.find("not a bundle"), std::string::npos);
+  auto missing = runTool({"bundle", dir.path() + "/Missing.app"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("no such file"), std::string::npos);
 }
 
 }  // namespace

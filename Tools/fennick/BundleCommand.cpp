@@ -1,4 +1,6 @@
 // fennick bundle PATH
+#include <filesystem>
+
 #include "DataCommands.h"
 
 namespace fennick::tool {
@@ -7,6 +9,8 @@ namespace {
 
 int runBundle(const Arguments& arguments) {
   const std::string& path = arguments.positional()[0];
+  std::error_code ignored;
+  if (!std::filesystem::exists(path, ignored)) return fail("bundle", path + ": no such file or directory");
   auto location = URL::fileURLWithPath(path);
   Ref<Dictionary> info = OVInfoDictionaryForBundleAtURL(location);
   if (!info)
