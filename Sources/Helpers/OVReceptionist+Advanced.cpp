@@ -310,7 +310,9 @@ void OVReceptionistSubscriptionInfo::notifyChangeOfObject_keyPath_change_isIniti
   if (isPrior(change) && !(options_ & NSKeyValueObservingOptionPrior)) return;
   if (!changeBlock_) return;
   const auto block = changeBlock_;  // the subscriber may replace this record's callback
-  (*block)(buildChangeInfoWithChangeDictionary_changedObject_isInitial(change, object, isInitial));
+  auto changeInfo = buildChangeInfoWithChangeDictionary_changedObject_isInitial(change, object, isInitial);
+  if (isStopped()) return;  // checked last: a stop that returned before this point is honoured
+  (*block)(changeInfo);
 }
 
 Ref<OVReceptionistChangeInfo>
@@ -362,7 +364,7 @@ Ref<OVReceptionistHandlingInfo> OVReceptionistHandlingInfo::initWithObjectHolder
 }
 
 void OVReceptionistHandlingInfo::startObservationWithInfo_holder(
-    const Ref<OVReceptionistSubscriptionInfo>& info, const Ref<OVObjectHolder>& holder) {
+    const Ref<OVReceptionistSubscriptionInfo>& info, const Ref<OVObjectHolder>&) {
   const Ref<String>& keyPath = info->keyPath();
   if (!keyPath) return;
   auto list = Array::dynamicCastObject(subsriptionInfosByKeyPath_->objectForKey(keyPath));
@@ -371,12 +373,9 @@ void OVReceptionistHandlingInfo::startObservationWithInfo_holder(
     subsriptionInfosByKeyPath_->setObject_forKey(list, keyPath);
   }
   list->addObject(info);
-  Id object = holder ? holder->object() : nullptr;
+  Id object = objectHolder_->object();
   if (!object) return;
-  if (list->count() == 1)
-    object->addObserver_forKeyPath_options_context(
-        Object::self(), keyPath->view(), (info->options() & ~kLowOptionBits) + kRegistrationOptions,
-        nullptr);
+  if (list->count() == 1) scheduleReconcile(keyPath);
   if (info->options() & NSKeyValueObservingOptionInitial)
     detail::DeferredReceptionistCalls::call([info, object, keyPath] {
       auto change = Dictionary::dictionaryWithCapacity(2);
@@ -388,22 +387,73 @@ void OVReceptionistHandlingInfo::startObservationWithInfo_holder(
 }
 
 void OVReceptionistHandlingInfo::stopObservationWithInfo_holder(
-    const Ref<OVReceptionistSubscriptionInfo>& info, const Ref<OVObjectHolder>& holder) {
-  Id object = holder ? holder->object() : nullptr;
-  auto unregister = [&](const Id& keyPath) {
-    if (object) object->removeObserver_forKeyPath(this, keyPath->description());
-  };
+    const Ref<OVReceptionistSubscriptionInfo>& info, const Ref<OVObjectHolder>&) {
   if (const Ref<String>& keyPath = info->keyPath()) {
     auto list = Array::dynamicCastObject(subsriptionInfosByKeyPath_->objectForKey(keyPath));
     if (!list || list->isEmpty()) return;
-    list->filterIn([&](const Id& record, std::size_t, bool&) { return !record->isEqual(info); });
+    list->filterIn([&](const Id& record, std::size_t, bool&) {
+      if (!record->isEqual(info)) return true;
+      static_cast<OVReceptionistSubscriptionInfo*>(record.get())->markStopped();
+      return false;
+    });
     if (!list->isEmpty()) return;
-    unregister(keyPath);
     subsriptionInfosByKeyPath_->removeObjectForKey(keyPath);
+    scheduleReconcile(keyPath);
     return;
   }
-  for (const Id& keyPath : subsriptionInfosByKeyPath_->allKeys()->toVector()) unregister(keyPath);
+  for (const Id& keyPath : subsriptionInfosByKeyPath_->allKeys()->toVector()) {
+    auto path = std::static_pointer_cast<String>(keyPath);
+    stopRecords(path);
+    scheduleReconcile(path);
+  }
   subsriptionInfosByKeyPath_->removeAllObjects();
+}
+
+bool OVReceptionistHandlingInfo::isHandlingObject(const Id& object) const {
+  return object && objectHolder_->object() == object;
+}
+
+void OVReceptionistHandlingInfo::stopRecords(const Ref<String>& keyPath) {
+  if (auto list = Array::dynamicCastObject(subsriptionInfosByKeyPath_->objectForKey(keyPath)))
+    for (const Id& record : list->toVector())
+      static_cast<OVReceptionistSubscriptionInfo*>(record.get())->markStopped();
+}
+
+void OVReceptionistHandlingInfo::scheduleReconcile(const Ref<String>& keyPath) {
+  auto self = std::static_pointer_cast<OVReceptionistHandlingInfo>(Object::self());
+  detail::DeferredReceptionistCalls::call([self, keyPath] { self->reconcileRegistration(keyPath); });
+}
+
+void OVReceptionistHandlingInfo::reconcileRegistration(const Ref<String>& keyPath) {
+  const Id object = objectHolder_->object();
+  std::unique_lock lock(*lock_);
+  Registration& registration = registrations_[keyPath->utf8()];
+  if (registration.busy) return;  // the thread at work sees this change when it re-checks
+  registration.busy = true;
+  try {
+    for (;;) {
+      auto list = Array::dynamicCastObject(subsriptionInfosByKeyPath_->objectForKey(keyPath));
+      const bool wanted = object && list && !list->isEmpty();
+      if (wanted == registration.registered) break;
+      const std::uint64_t options =
+          wanted ? (static_cast<const OVReceptionistSubscriptionInfo&>(*list->firstObject()).options() &
+                    ~kLowOptionBits) + kRegistrationOptions
+                 : 0;
+      lock.unlock();
+      if (wanted)
+        object->addObserver_forKeyPath_options_context(Object::self(), keyPath->view(), options, nullptr);
+      else if (object)
+        object->removeObserverIfRegistered_forKeyPath(this, keyPath->view());
+      lock.lock();
+      registration.registered = wanted;
+    }
+  } catch (...) {
+    if (!lock.owns_lock()) lock.lock();
+    registration.busy = false;
+    throw;
+  }
+  registration.busy = false;
+  if (!registration.registered) registrations_.erase(keyPath->utf8());
 }
 
 void OVReceptionistHandlingInfo::observeValueForKeyPath_ofObject_change_context(

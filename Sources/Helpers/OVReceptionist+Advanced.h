@@ -10,9 +10,11 @@
 #include "fennick/Runtime/Object.h"
 #include "fennick/Runtime/String.h"
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <unordered_map>
 
 namespace fennick {
 
@@ -191,14 +193,20 @@ class OVReceptionistSubscriptionInfo : public Object {
   void setChangeBlock(OVReceptionistChangeBlock block);
 
   /// Delivers a change to the callback; a prior notification only when the
-  /// record asked for prior notifications.
+  /// record asked for prior notifications; nothing once the record is stopped.
   void notifyChangeOfObject_keyPath_change_isInitial(const Id& object, const Ref<String>& keyPath,
                                                      const Ref<Dictionary>& change, bool isInitial);
   Ref<OVReceptionistChangeInfo> buildChangeInfoWithChangeDictionary_changedObject_isInitial(
       const Ref<Dictionary>& change, const Id& object, bool isInitial);
 
+  /// Marks the record as stopped: a delivery already on its way checks the
+  /// mark just before calling the callback, and drops the change.
+  void markStopped() noexcept { stopped_.store(true, std::memory_order_release); }
+  bool isStopped() const noexcept { return stopped_.load(std::memory_order_acquire); }
+
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;
+  /// A copy that is not stopped.
   Id copy() const override;
 
  protected:
@@ -213,6 +221,7 @@ class OVReceptionistSubscriptionInfo : public Object {
   void* context_ = nullptr;
   // Shared, not copied: every change record made from this record carries it.
   std::shared_ptr<const OVReceptionistChangeBlock> changeBlock_;
+  std::atomic<bool> stopped_{false};
 };
 
 /// What a subscriber receives: its subscription record plus the change.
@@ -263,10 +272,19 @@ class OVReceptionistHandlingInfo : public Object {
   const Ref<Dictionary>& subsriptionInfosByKeyPath() const { return subsriptionInfosByKeyPath_; }
   const Ref<OVObjectHolder>& objectHolder() const { return objectHolder_; }
 
+  /// Adds the record; the first one of a key path registers this handling
+  /// record with the object. Registration calls the object's getters, so it
+  /// is made after the bookkeeping lock is released (see
+  /// DeferredReceptionistCalls), never under it.
   void startObservationWithInfo_holder(const Ref<OVReceptionistSubscriptionInfo>& info,
                                        const Ref<OVObjectHolder>& holder);
+  /// Removes and marks stopped the records equal to `info` (every record
+  /// when `info` has no key path); the last one of a key path unregisters.
   void stopObservationWithInfo_holder(const Ref<OVReceptionistSubscriptionInfo>& info,
                                       const Ref<OVObjectHolder>& holder);
+  /// Whether the held object is still `object` (not dead, not a new object
+  /// that took a dead one's address).
+  bool isHandlingObject(const Id& object) const;
   /// True only without a key-path dictionary, which every record has: a
   /// handling record stays listed once made.
   bool isEmpty() const { return subsriptionInfosByKeyPath_ == nullptr; }
@@ -284,6 +302,17 @@ class OVReceptionistHandlingInfo : public Object {
   friend class OVReceptionist;
   void deliver(const Ref<String>& keyPath, const Id& object, const Ref<Dictionary>& change, bool prior);
   bool deliversInline() const { return !externalQueue_; }
+  void stopRecords(const Ref<String>& keyPath);
+  // Brings the key-value registration of `keyPath` in line with whether it
+  // has subscriptions. One thread at a time does the work, with the lock
+  // released around the (un)registration; others just leave it the change.
+  void reconcileRegistration(const Ref<String>& keyPath);
+  void scheduleReconcile(const Ref<String>& keyPath);
+
+  struct Registration {
+    bool registered = false;
+    bool busy = false;
+  };
 
   Ref<dispatch::Queue> externalQueue_;
   Ref<dispatch::Queue> internalQueue_;
@@ -291,6 +320,7 @@ class OVReceptionistHandlingInfo : public Object {
   Ref<OVObjectHolder> objectHolder_;
   // Shared with the receptionist: guards the bookkeeping wherever it runs.
   Ref<std::recursive_mutex> lock_;
+  std::unordered_map<std::string, Registration> registrations_;  // by key path, under lock_
 };
 
 }  // namespace fennick

@@ -124,6 +124,13 @@ void OVReceptionist::startObservationWithInfo_object(const Ref<OVReceptionistSub
   std::lock_guard lock(*lock_);
   const Ref<OVObjectHolder>& holder = info->observedObjectHolder();
   auto handling = OVReceptionistHandlingInfo::dynamicCastObject(handlingInfosByHolder_->objectForKey(holder));
+  if (handling && !handling->isHandlingObject(object)) {
+    // The record of an object that died without a stop, whose address the
+    // new object now has: its registrations died with that object.
+    handling->stopObservationWithInfo_holder(OVReceptionistSubscriptionInfo::info(), holder);
+    handlingInfosByHolder_->removeObjectForKey(holder);
+    handling = nullptr;
+  }
   if (!handling) {
     handling = OVReceptionistHandlingInfo::initWithObjectHolder_externalQueue_internalQueue(
         holder, externalQueue_, internalQueue_);
