@@ -3,6 +3,8 @@
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVCancellationGroup.h"
+#include "fennick/Helpers/OVReceptionist.h"
+#include "fennick/Runtime/Number.h"
 
 #include <gtest/gtest.h>
 
@@ -15,6 +17,15 @@ namespace {
 
 using testing::eventually;
 using testing::Latch;
+
+// Waits until a handler added now has run. Added after a cancel, it is
+// submitted to the utility queue after anything that cancel submitted, and
+// starts after it: a duplicate run of earlier handlers has shown by then.
+void waitForLaterHandlers(OVCancellation& cancellation) {
+  auto ran = std::make_shared<Latch>();
+  cancellation.addCancellationHandler([ran] { ran->signal(); });
+  ASSERT_TRUE(ran->waitFor(1));
+}
 
 TEST(OVCancellationToken, HandlersRunOnceInOrderOnTheUtilityQueue) {
   auto token = OVCancellationToken::init();
@@ -37,7 +48,7 @@ TEST(OVCancellationToken, HandlersRunOnceInOrderOnTheUtilityQueue) {
     std::lock_guard lock(mutex);
     return order.size() == 3;
   }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a second run would show up here
+  waitForLaterHandlers(*token);
   std::lock_guard lock(mutex);
   EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c'}));
   EXPECT_TRUE(offCaller);
@@ -83,7 +94,7 @@ TEST(OVCancellationGroup, AnyPolicyCancelsWithTheFirstChild) {
   ASSERT_TRUE(eventually([&] { return group->isCancelled() && b->isCancelled(); }));
   EXPECT_TRUE(handlers.waitFor(1));
   group->cancel();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  waitForLaterHandlers(*group);
   EXPECT_EQ(handlers.count(), 1);
 }
 
@@ -164,10 +175,38 @@ TEST(OVCancellationGroup, WideDeepTreesCancelledFromManyThreads) {
   for (auto& thread : threads) thread.join();
   chain.front()->cancel();
   ASSERT_TRUE(eventually([&] { return handlerRuns == kDepth + kWidth; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  for (auto& group : chain) waitForLaterHandlers(*group);
+  for (auto& leaf : leaves) waitForLaterHandlers(*leaf);
   EXPECT_EQ(handlerRuns, kDepth + kWidth);
   for (auto& group : chain) EXPECT_TRUE(group->isCancelled());
   for (auto& leaf : leaves) EXPECT_TRUE(leaf->isCancelled());
+}
+
+// Observers of a group's and of its child's isCancelled are called while the
+// group cancels. Each waits for another thread that adds a handler to the
+// group, which needs the group's lock: that only works because the group
+// calls out with its lock released.
+TEST(OVCancellationGroup, ObserversCalledDuringACancelMayUseTheGroup) {
+  auto group = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto child = OVCancellationToken::init();
+  group->addChild(child);
+  auto handlersAdded = std::make_shared<Latch>();
+  std::vector<std::thread> helpers;
+  auto useTheGroupElsewhere = [&](const Id&, const std::string&, const Id& value, const Id&) {
+    if (!value || !value->isEqual(Number::numberWithBool(true).get())) return;
+    helpers.emplace_back([group, handlersAdded] {
+      group->addCancellationHandler([] {});
+      handlersAdded->signal();
+    });
+    EXPECT_TRUE(handlersAdded->waitFor(static_cast<int>(helpers.size()), std::chrono::seconds(5)));
+  };
+  auto receptionist = OVReceptionist::init();  // delivers inline, on the cancelling thread
+  receptionist->startObservationOfObject_forKeyPath_changeBlock(group, "isCancelled", useTheGroupElsewhere);
+  receptionist->startObservationOfObject_forKeyPath_changeBlock(child, "isCancelled", useTheGroupElsewhere);
+  group->cancel();
+  EXPECT_TRUE(child->isCancelled());
+  for (auto& helper : helpers) helper.join();
+  EXPECT_EQ(helpers.size(), 2u);
 }
 
 }  // namespace
