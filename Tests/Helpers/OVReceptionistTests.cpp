@@ -277,23 +277,24 @@ TEST(OVReceptionist, ConcurrentQueueDeliversThereAndStopsFollowStartsInOrder) {
   EXPECT_EQ(receptionist->internalQueue()->target(), external);
 
   auto gauge = Gauge::gauge();
-  std::atomic<int> calls{0};
-  std::atomic<bool> onExternal{true};
+  // Shared with the deliveries, which run on the external queue.
+  auto calls = std::make_shared<std::atomic<int>>(0);
+  auto onExternal = std::make_shared<std::atomic<bool>>(true);
   receptionist->startObservationOfObject_forKeyPath_changeBlock(
-      gauge, "level", [&](const Id&, const std::string&, const Id&, const Id&) {
-        if (!external->isCurrent()) onExternal = false;
-        ++calls;
+      gauge, "level", [external, calls, onExternal](const Id&, const std::string&, const Id&, const Id&) {
+        if (!external->isCurrent()) *onExternal = false;
+        ++*calls;
       });
   receptionist->internalQueue()->sync([] {});  // the start has been processed
   gauge->setValueForKey(Number::of(1), "level");
-  ASSERT_TRUE(eventually([&] { return calls == 1; }));
-  EXPECT_TRUE(onExternal);
+  ASSERT_TRUE(eventually([&] { return *calls == 1; }));
+  EXPECT_TRUE(*onExternal);
 
   receptionist->stopObservationOfObject_forKeyPath(gauge, "level");
   receptionist->internalQueue()->sync([] {});
   gauge->setValueForKey(Number::of(2), "level");
   receptionist->internalQueue()->sync([] {});
-  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(*calls, 1);
 }
 
 // Receptionists go away while other threads keep changing what they observe:
