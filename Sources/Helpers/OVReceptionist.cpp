@@ -1,6 +1,7 @@
 #include "fennick/Helpers/OVReceptionist.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Helpers/Internal/DeferredReceptionistCalls.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
