@@ -1,5 +1,6 @@
 #include "HelpersTestSupport.h"
 
+#include "fennick/Dispatch/Main.h"
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVReceptionist.h"
 #include "fennick/Runtime/Array.h"
@@ -400,6 +401,23 @@ TEST(OVReceptionist, NoDeliveryAfterAStopHasReturned) {
       external->sync([] {});
     }
     EXPECT_EQ(*laterCalls, 0);
+  }
+}
+
+// gtest runs tests on the main thread: waiting there must serve a
+// receptionist whose internal queue is the main queue, and simply wait for
+// one whose queue is not.
+TEST(OVReceptionist, WaitingForPendingRequestsFromTheMainThread) {
+  for (auto queue : {dispatch::mainQueue(), dispatch::Queue::createSerial("test.owner")}) {
+    auto receptionist = OVReceptionist::initWithInternalQueue(queue);
+    auto gauge = Gauge::gauge();
+    receptionist->startObservationOfObject_forKeyPath_changeBlock(
+        gauge, "level", [](const Id&, const std::string&, const Id&, const Id&) {});
+    receptionist->waitForPendingRequests();
+    EXPECT_EQ(gauge->observationCountForKeyPath("level"), 1u);
+    receptionist->stopObservationOfObject_forKeyPath(gauge, "level");
+    receptionist->waitForPendingRequests();
+    EXPECT_EQ(gauge->observationCountForKeyPath("level"), 0u);
   }
 }
 
