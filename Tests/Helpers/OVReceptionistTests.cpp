@@ -115,12 +115,20 @@ class LockedParent : public Object {
   }
   Id child() const {
     if (beforeRead) beforeRead();
-    std::unique_lock lock(readLock, std::chrono::seconds(5));
-    if (!lock.owns_lock()) timedOut = true;
+    // Polled rather than timed: a timed lock escapes ThreadSanitizer's view.
+    std::unique_lock lock(readLock, std::defer_lock);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!lock.try_lock()) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        timedOut = true;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     return child_;
   }
   std::function<void()> beforeRead;
-  mutable std::timed_mutex readLock;
+  mutable std::mutex readLock;
   mutable std::atomic<bool> timedOut{false};
 
  protected:
