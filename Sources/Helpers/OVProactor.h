@@ -21,12 +21,12 @@
 //
 // Threading: the proactor, its groups and its actions are thread-safe. One
 // serial internal queue ("com.orvane.Proactor.internal-queue") guards the
-// groups, every action's state and current result. Changes are submitted to
-// it; the reads groupWithID, objectForKey, isRunning and isCompleted (and the
-// other synchronous calls listed in OVProactorAction.h) run synchronously on
-// it and must not be called from it: that would wait forever, so the process
-// aborts with a message naming the queue. actionForArgument is the exception:
-// it keeps its own lock and may be called anywhere (see OVProactorGroup.h). The
+// groups, their maps of actions, every action's state and current result.
+// Changes are submitted to it; the reads groupWithID, actionForArgument,
+// objectForKey, isRunning and isCompleted (and the other synchronous calls
+// listed in OVProactorAction.h) run synchronously on it and must not be called
+// from it: that would wait forever, so the process aborts with a message
+// naming the queue. The
 // internal queue runs only the proactor's own code; the work, the hooks, the
 // completion handlers and delegate calls run on invocationQueue() (the global
 // utility queue), where every operation may be called.

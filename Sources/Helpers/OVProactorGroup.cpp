@@ -33,15 +33,13 @@ void OVProactorGroup::setHandlerBlock(OVProactorHandler handler) {
 
 Ref<OVProactorAction> OVProactorGroup::actionForArgument(const Id& argument) {
   const Id key = argument ? argument : Id(Null::null());
-  {
-    std::shared_lock lock(actionsMutex_);
-    if (auto it = actionsByArgument_.find(key); it != actionsByArgument_.end()) return it->second;
-  }
-  std::unique_lock lock(actionsMutex_);
-  if (auto it = actionsByArgument_.find(key); it != actionsByArgument_.end()) return it->second;
-  auto action = OVProactorAction::initWithGroup_argument(std::static_pointer_cast<OVProactorGroup>(self()), key);
-  actionsByArgument_.emplace(key->copy(), action);
-  return action;
+  auto findOrMake = [&] {
+    if (auto existing = OVProactorAction::castObject(actionsByArgument_->objectForKey(key))) return existing;
+    auto action = OVProactorAction::initWithGroup_argument(std::static_pointer_cast<OVProactorGroup>(self()), key);
+    actionsByArgument_->safeSetObject_forKey(action, key);
+    return action;
+  };
+  return internalQueue_ ? internalQueue_->sync(findOrMake) : findOrMake();
 }
 
 }  // namespace fennick

@@ -4,16 +4,14 @@
 //
 // Threading: thread-safe. The identifier is fixed; the handler and the
 // automatic-start flag may be changed from any thread and are read when an
-// action starts. actionForArgument may be called from any thread, the
-// proactor's internal queue included: the map of actions has a lock of its
-// own, which is never held while outside code runs, apart from the argument's
-// hash, equality and copy.
+// action starts. The map of actions is touched only on the proactor's internal
+// queue: actionForArgument runs synchronously there, for a known argument as
+// for a new one, and so must not be called from that queue (it aborts the
+// process with a message naming the queue).
 #include "fennick/Helpers/OVProactorAction.h"
 
 #include <atomic>
 #include <mutex>
-#include <shared_mutex>
-#include <unordered_map>
 
 namespace fennick {
 
@@ -56,10 +54,7 @@ class OVProactorGroup : public Object {
   mutable std::mutex handlerMutex_;
   OVProactorHandler handlerBlock_;
   const Ref<dispatch::Queue> internalQueue_;
-  // Requests for known arguments far outnumber new ones: they share the lock,
-  // and none waits behind the work queued on the internal queue.
-  mutable std::shared_mutex actionsMutex_;
-  std::unordered_map<Id, Ref<OVProactorAction>, IdHash, IdEqual> actionsByArgument_;
+  const Ref<Dictionary> actionsByArgument_ = Dictionary::dictionary();  // internal queue only
 };
 
 }  // namespace fennick
