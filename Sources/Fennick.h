@@ -26,6 +26,7 @@
 #include "fennick/Runtime/Set.h"
 #include "fennick/Runtime/String.h"
 #include "fennick/Runtime/URL.h"
+#include "fennick/Runtime/URLFileSystem.h"
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
 

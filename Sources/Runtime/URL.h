@@ -200,6 +200,7 @@ class URL : public Object {
   bool assign(std::string_view text, Ref<URL> base);
   Ref<URL> withPath(std::string encodedPath) const;
   Ref<URL> withAppendedComponent(std::string_view component, std::optional<bool> isDirectory) const;
+  Id cachedResourceValueForKey(std::string_view key) const;
 
   // Set once, by the factories or by initWithCoder before the URL is shared.
   std::string relativeString_;

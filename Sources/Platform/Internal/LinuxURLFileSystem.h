@@ -1,0 +1,16 @@
+#pragma once
+// The Linux file system behind file URLs: status reads for resource values.
+// Thread-safe; one instance serves the process (systemURLFileSystem()).
+#include "fennick/Runtime/URLFileSystem.h"
+
+namespace fennick::platform {
+
+class LinuxURLFileSystem final : public URLFileSystem {
+ public:
+  bool isDirectoryAtPath(const std::string& path) const override;
+  bool answersResourceKey(std::string_view key) const override;
+  bool readResourceValues(const URL& url, std::span<const std::string> keys, Dictionary& values,
+                          Ref<Error>* error) const override;
+};
+
+}  // namespace fennick::platform
