@@ -1,11 +1,15 @@
 #include "fennick/Platform/Internal/FileResourceValues.h"
 
+#include "fennick/Platform/Internal/LinuxFileIdentity.h"
+
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/String.h"
 #include "fennick/Runtime/URL.h"
+
+#include <fcntl.h>
 
 #include <array>
 #include <cerrno>
@@ -43,9 +47,27 @@ Id resourceValueFromStatus(std::string_view key, const struct stat& status, cons
   return nullptr;
 }
 
-bool readItemStatus(const URL& url, const std::string& path, struct stat& status, Ref<Error>* error) {
-  if (::lstat(path.c_str(), &status) == 0) return true;
-  const int code = errno;
+namespace {
+
+// 0 or the errno of the read.
+int statusOfIdentity(const LinuxFileIdentity& identity, struct stat& status) {
+  int code = ENOENT;  // a revoked identity's file system is gone
+  identity.withDescriptor([&](int descriptor) {
+    code = ::fstatat(descriptor, "", &status, AT_EMPTY_PATH) == 0 ? 0 : errno;
+  });
+  return code;
+}
+
+}  // namespace
+
+bool readItemStatus(const URL& url, struct stat& status, Ref<Error>* error) {
+  const std::string path = url.path();
+  int code = 0;
+  if (const auto& identity = url.fileIdentity())
+    code = statusOfIdentity(static_cast<const LinuxFileIdentity&>(*identity), status);
+  else
+    code = ::lstat(path.c_str(), &status) == 0 ? 0 : errno;
+  if (code == 0) return true;
   if (error)
     *error = Error::errorWithDomain_code_userInfo(
         NSPOSIXErrorDomain, code,

@@ -12,6 +12,7 @@
 #include "fennick/Runtime/String.h"
 #include "fennick/Runtime/URLFileSystem.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -173,11 +174,21 @@ std::optional<int> URL::port() const {
   return std::stoi(*parts_.port);
 }
 
-std::string URL::path() const { return withoutTrailingSlash(decode(parts_.path)); }
+std::string URL::path() const {
+  if (identity_) return identity_->currentPath().value_or(std::string());
+  return withoutTrailingSlash(decode(parts_.path));
+}
 
-std::string URL::relativePath() const { return withoutTrailingSlash(decode(relativeParts_.path)); }
+std::string URL::relativePath() const {
+  if (identity_) return path();
+  return withoutTrailingSlash(decode(relativeParts_.path));
+}
 
 Ref<Array> URL::pathComponents() const {
+  if (identity_) {
+    Ref<URL> url = pathURL();
+    return url ? url->pathComponents() : nullptr;
+  }
   if (parts_.path.empty()) return nullptr;
   auto components = Array::array();
   std::string_view path = parts_.path;
@@ -192,7 +203,10 @@ Ref<Array> URL::pathComponents() const {
   return components;
 }
 
-std::string URL::lastPathComponent() const { return decode(lastComponentOf(parts_.path)); }
+std::string URL::lastPathComponent() const {
+  if (identity_) return decode(lastComponentOf(path()));
+  return decode(lastComponentOf(parts_.path));
+}
 
 std::string URL::pathExtension() const {
   const std::string component = lastPathComponent();
@@ -205,10 +219,41 @@ bool URL::isFileURL() const {
   return strncasecmp(parts_.scheme->c_str(), "file", 4) == 0;
 }
 
-bool URL::hasDirectoryPath() const { return parts_.path.ends_with('/'); }
+bool URL::hasDirectoryPath() const {
+  if (identity_) return identity_->isDirectory();
+  return parts_.path.ends_with('/');
+}
 
 Ref<URL> URL::filePathURL() const {
+  if (identity_) return pathURL();
   return isFileURL() ? std::static_pointer_cast<URL>(std::const_pointer_cast<Object>(self())) : nullptr;
+}
+
+std::optional<std::string> URL::fileSystemRepresentation() const {
+  if (identity_) return identity_->currentPath();
+  if (!isFileURL()) return std::nullopt;
+  std::string decoded = path();
+  if (decoded.empty()) return std::nullopt;
+  return decoded;
+}
+
+Ref<URL> URL::pathURL() const {
+  if (!identity_) return std::static_pointer_cast<URL>(std::const_pointer_cast<Object>(self()));
+  std::optional<std::string> current = identity_->currentPath();
+  return current ? fileURLWithPath_isDirectory(*current, identity_->isDirectory()) : nullptr;
+}
+
+// -- File identity --------------------------------------------------------------------
+
+Ref<URL> URL::fileReferenceURL() const {
+  if (identity_) return std::static_pointer_cast<URL>(std::const_pointer_cast<Object>(self()));
+  std::optional<std::string> path = fileSystemRepresentation();
+  if (!path) return nullptr;
+  Ref<const FileIdentity> identity = systemURLFileSystem().identityOfItemAtPath(*path);
+  if (!identity) return nullptr;
+  auto url = makeURL(fmt::format("file:///.file/id={}.{}/", identity->device(), identity->inode()), nullptr);
+  url->identity_ = std::move(identity);
+  return url;
 }
 
 // -- Derived URLs ---------------------------------------------------------------------
@@ -220,6 +265,10 @@ Ref<URL> URL::withPath(std::string encodedPath) const {
 }
 
 Ref<URL> URL::withAppendedComponent(std::string_view component, std::optional<bool> isDirectory) const {
+  if (identity_) {
+    Ref<URL> url = pathURL();
+    return url ? url->withAppendedComponent(component, isDirectory) : nullptr;
+  }
   std::string encoded = stringByAddingPercentEncoding(component, URLCharacterSet::Path);
   const auto firstKept = encoded.find_first_not_of('/');
   encoded.erase(0, firstKept == std::string::npos ? encoded.size() : firstKept);
@@ -244,6 +293,10 @@ Ref<URL> URL::URLByAppendingPathComponent_isDirectory(std::string_view component
 }
 
 Ref<URL> URL::URLByDeletingLastPathComponent() const {
+  if (identity_) {
+    Ref<URL> url = pathURL();
+    return url ? url->URLByDeletingLastPathComponent() : nullptr;
+  }
   const std::string& path = parts_.path;
   if (path.empty()) return absoluteURL();
   const std::string trimmed = withoutTrailingSlash(path);
@@ -253,6 +306,10 @@ Ref<URL> URL::URLByDeletingLastPathComponent() const {
 }
 
 Ref<URL> URL::URLByAppendingPathExtension(std::string_view extension) const {
+  if (identity_) {
+    Ref<URL> url = pathURL();
+    return url ? url->URLByAppendingPathExtension(extension) : nullptr;
+  }
   if (extension.find('/') != std::string_view::npos) return nullptr;
   const std::string trimmed = withoutTrailingSlash(parts_.path);
   if (trimmed.empty() || trimmed == "/") return nullptr;
@@ -263,6 +320,10 @@ Ref<URL> URL::URLByAppendingPathExtension(std::string_view extension) const {
 }
 
 Ref<URL> URL::URLByDeletingPathExtension() const {
+  if (identity_) {
+    Ref<URL> url = pathURL();
+    return url ? url->URLByDeletingPathExtension() : nullptr;
+  }
   std::string trimmed = withoutTrailingSlash(parts_.path);
   const std::size_t componentStart = trimmed.rfind('/') == std::string::npos ? 0 : trimmed.rfind('/') + 1;
   const auto dot = extensionDot(std::string_view(trimmed).substr(componentStart));
@@ -273,6 +334,7 @@ Ref<URL> URL::URLByDeletingPathExtension() const {
 }
 
 Ref<URL> URL::URLByStandardizingPath() const {
+  if (identity_) return pathURL();
   std::string path = removeDotSegments(parts_.path);
   if (path.empty() && parts_.path.starts_with('/')) path = "/";
   return withPath(std::move(path));

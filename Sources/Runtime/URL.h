@@ -6,6 +6,12 @@
 // as written (percent-encoded); the accessors say which ones they decode.
 // Equality and hashing go by the absolute string, so a relative URL equals the
 // absolute URL it resolves to.
+//
+// A file reference URL (fileReferenceURL()) names an item by identity. Its
+// text is "file:///.file/id=<device>.<inode>/", so equality and hashing follow
+// the item across renames and such URLs key dictionaries; its path and every
+// path operation use the item's current path, asked anew at each call.
+#include "fennick/Runtime/FileIdentity.h"
 #include "fennick/Runtime/Object.h"
 
 #include <mutex>
@@ -111,8 +117,24 @@ class URL : public Object {
   bool isFileURL() const;
   /// Whether the path ends with "/".
   bool hasDirectoryPath() const;
-  /// This URL when it is a file URL, else nil.
+  /// This URL when it is a file URL, else nil. For a file reference URL, a
+  /// file URL of the item's current path; nil once the item is gone.
   Ref<URL> filePathURL() const;
+  /// The path as the file system takes it (decoded bytes); nil for URLs that
+  /// are not file URLs or have no path, and for a reference URL whose item is
+  /// gone.
+  std::optional<std::string> fileSystemRepresentation() const;
+
+  // -- File identity -------------------------------------------------------------
+  /// A file reference URL for the item this file URL names (symbolic links
+  /// followed), or nil when the URL is not a file URL or nothing is there. A
+  /// reference URL answers itself. Reference URLs of one item are equal, and
+  /// share one hold on the item (on Linux one O_PATH descriptor, which keeps
+  /// its file system from a plain unmount while any of them lives).
+  Ref<URL> fileReferenceURL() const;
+  bool isFileReferenceURL() const noexcept { return identity_ != nullptr; }
+  /// The identity a file reference URL holds; nil for other URLs.
+  const Ref<const FileIdentity>& fileIdentity() const noexcept { return identity_; }
 
   /// The component (percent-encoded as needed; "/" inside it separates
   /// components) appended to the path. On file URLs the file system decides
@@ -201,10 +223,14 @@ class URL : public Object {
   Ref<URL> withPath(std::string encodedPath) const;
   Ref<URL> withAppendedComponent(std::string_view component, std::optional<bool> isDirectory) const;
   Id cachedResourceValueForKey(std::string_view key) const;
+  /// For a reference URL, the file URL of its current path (nil once the
+  /// item is gone); for other URLs, this URL.
+  Ref<URL> pathURL() const;
 
   // Set once, by the factories or by initWithCoder before the URL is shared.
   std::string relativeString_;
   Ref<URL> base_;
+  Ref<const FileIdentity> identity_;  // set for file reference URLs only
   std::string absoluteString_;
   Parts relativeParts_;
   Parts parts_;  // of the resolved URL

@@ -2,10 +2,11 @@
 // The file-system services behind file URLs.
 //
 // URL keeps the rules of URL text; whatever it must ask the operating system
-// (what kind of item a path names, the values of resource keys) it asks
-// through this interface. The Linux implementation lives in the Platform
+// (what kind of item a path names, the values of resource keys, the identity
+// of an item) it asks through this interface. The Linux implementation lives in the Platform
 // layer, which defines systemURLFileSystem(); the runtime never includes
 // Platform headers. Implementations are thread-safe.
+#include "fennick/Runtime/FileIdentity.h"
 #include "fennick/Runtime/Ref.h"
 
 #include <span>
@@ -34,6 +35,11 @@ class URLFileSystem {
   /// be read.
   virtual bool readResourceValues(const URL& url, std::span<const std::string> keys,
                                   Dictionary& values, Ref<Error>* error) const = 0;
+
+  /// The identity of the item at `path` (symbolic links followed), shared by
+  /// every caller that asks for the same item while one is alive; nil when
+  /// nothing is there.
+  virtual Ref<const FileIdentity> identityOfItemAtPath(const std::string& path) const = 0;
 };
 
 /// The operating system's file system, as the Platform layer supplies it.

@@ -22,9 +22,10 @@ bool isFileSystemResourceKey(std::string_view key);
 /// for keys without a value (the size of a directory, unknown keys).
 Id resourceValueFromStatus(std::string_view key, const struct stat& status, const URL& url);
 
-/// The status of the item at `path` (a symbolic link itself, not its target).
-/// False, with `error` set to a POSIX-domain record carrying the URL and the
-/// path, when it cannot be read.
-bool readItemStatus(const URL& url, const std::string& path, struct stat& status, Ref<Error>* error);
+/// The status of the item of a file URL: for a reference URL the item its
+/// identity holds, otherwise the item at its path (a symbolic link itself, not
+/// its target). False, with `error` set to a POSIX-domain record carrying the
+/// URL and the path, when it cannot be read.
+bool readItemStatus(const URL& url, struct stat& status, Ref<Error>* error);
 
 }  // namespace fennick::platform

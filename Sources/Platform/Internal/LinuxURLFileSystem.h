@@ -1,5 +1,6 @@
 #pragma once
-// The Linux file system behind file URLs: status reads for resource values.
+// The Linux file system behind file URLs: status reads for resource values,
+// identities with shared O_PATH descriptors for reference URLs.
 // Thread-safe; one instance serves the process (systemURLFileSystem()).
 #include "fennick/Runtime/URLFileSystem.h"
 
@@ -11,6 +12,7 @@ class LinuxURLFileSystem final : public URLFileSystem {
   bool answersResourceKey(std::string_view key) const override;
   bool readResourceValues(const URL& url, std::span<const std::string> keys, Dictionary& values,
                           Ref<Error>* error) const override;
+  Ref<const FileIdentity> identityOfItemAtPath(const std::string& path) const override;
 };
 
 }  // namespace fennick::platform
