@@ -2,6 +2,7 @@
 // File-system fixtures shared by the tests of the files subsystem: a private
 // temporary folder, small file operations and a count of the process's open
 // descriptors.
+#include "fennick/Platform/VnodeEventSource.h"
 #include "fennick/Runtime/URL.h"
 
 #include <dirent.h>
@@ -68,6 +69,7 @@ inline int openDescriptorCount();
 /// of tests that check that nothing else stays open.
 inline int descriptorBaseline() {
   URL::fileURLWithPath("/")->fileReferenceURL();
+  platform::vnodeWatchCount();
   return openDescriptorCount();
 }
 
