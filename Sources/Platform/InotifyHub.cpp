@@ -289,6 +289,9 @@ void InotifyHub::deliverLocked(const std::vector<WatchRef>& touched) {
 }
 
 void InotifyHub::mountTableChanged(const std::vector<std::uint64_t>& mountIds) {
+  // The descriptors on a vanished file system close before anyone hears of
+  // it, so that a client reacting to REVOKE finds the file system free.
+  FileIdentityTable::shared().revokeItemsOutside(mountIds);
   std::lock_guard lock(mutex_);
   std::vector<WatchRef> gone;
   for (const auto& [descriptor, watch] : watches_) {
