@@ -1,9 +1,13 @@
 #include "fennick/Platform/Internal/LinuxURLFileSystem.h"
 
+#include "fennick/Platform/Internal/Bookmark.h"
 #include "fennick/Platform/Internal/FileIdentityTable.h"
 #include "fennick/Platform/Internal/FileResourceValues.h"
 #include "fennick/Platform/Internal/LinuxFileIdentity.h"
+#include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/String.h"
 #include "fennick/Runtime/URL.h"
 
 #include <sys/stat.h>
@@ -17,6 +21,21 @@ const URLFileSystem& systemURLFileSystem() {
 
 namespace platform {
 
+namespace {
+
+constexpr std::int64_t kFileNoSuchFileError = 4;
+constexpr std::int64_t kFileReadCorruptFileError = 259;
+
+Ref<Error> noSuchFileError(const std::string& path) {
+  return Error::errorWithDomain_code_userInfo(
+      NSCocoaErrorDomain, kFileNoSuchFileError,
+      Dictionary::dictionaryWithStringKeys(
+          {{NSLocalizedDescriptionKey, String::string("The file couldn’t be opened because it doesn’t exist.")},
+           {NSFilePathErrorKey, String::string(path)}}));
+}
+
+}  // namespace
+
 bool LinuxURLFileSystem::isDirectoryAtPath(const std::string& path) const {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -24,6 +43,35 @@ bool LinuxURLFileSystem::isDirectoryAtPath(const std::string& path) const {
 
 Ref<const FileIdentity> LinuxURLFileSystem::identityOfItemAtPath(const std::string& path) const {
   return FileIdentityTable::shared().identityOfItemAtPath(path);
+}
+
+Ref<Data> LinuxURLFileSystem::bookmarkDataForURL(const URL& url, Ref<Error>* error) const {
+  struct stat status {};
+  std::optional<std::string> path = url.fileSystemRepresentation();
+  if (!path || ::stat(path->c_str(), &status) != 0) {
+    if (error) *error = noSuchFileError(path.value_or(url.absoluteString()));
+    return nullptr;
+  }
+  return encodeBookmark({*path, status.st_dev, status.st_ino});
+}
+
+Ref<URL> LinuxURLFileSystem::URLByResolvingBookmarkData(const Ref<Data>& data, bool& isStale,
+                                                        Ref<Error>* error) const {
+  std::optional<BookmarkTarget> target = decodeBookmark(data);
+  if (!target) {
+    if (error)
+      *error = Error::errorWithDomain_code_description(
+          NSCocoaErrorDomain, kFileReadCorruptFileError,
+          "The file couldn’t be opened because it isn’t in the correct format.");
+    return nullptr;
+  }
+  struct stat status {};
+  if (::stat(target->path.c_str(), &status) != 0) {
+    if (error) *error = noSuchFileError(target->path);
+    return nullptr;
+  }
+  isStale = status.st_dev != target->device || status.st_ino != target->inode;
+  return URL::fileURLWithPath_isDirectory(target->path, S_ISDIR(status.st_mode));
 }
 
 bool LinuxURLFileSystem::answersResourceKey(std::string_view key) const { return isFileSystemResourceKey(key); }

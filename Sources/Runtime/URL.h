@@ -16,12 +16,14 @@
 
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 namespace fennick {
 
 class Array;
+class Data;
 class Dictionary;
 class Error;
 
@@ -39,6 +41,13 @@ inline constexpr const char* NSURLFileSizeKey = "NSURLFileSizeKey";
 /// Bytes a regular file occupies on disk (absent for other items).
 inline constexpr const char* NSURLFileAllocatedSizeKey = "NSURLFileAllocatedSizeKey";
 inline constexpr const char* NSURLContentModificationDateKey = "NSURLContentModificationDateKey";  // Date
+
+/// Options of bookmark creation and resolution (the platform's values). Linux
+/// has no sandbox that needs security-scoped bookmarks, so they change nothing.
+inline constexpr std::uint64_t NSURLBookmarkCreationWithSecurityScope = 0x800;
+inline constexpr std::uint64_t NSURLBookmarkResolutionWithoutUI = 0x100;
+inline constexpr std::uint64_t NSURLBookmarkResolutionWithoutMounting = 0x200;
+inline constexpr std::uint64_t NSURLBookmarkResolutionWithSecurityScope = 0x400;
 
 /// Which characters percent encoding leaves alone, per URL component.
 enum class URLCharacterSet { User, Password, Host, Path, Query, Fragment };
@@ -155,6 +164,32 @@ class URL : public Object {
   /// "." components removed and ".." components applied to the path.
   Ref<URL> URLByStandardizingPath() const;
 
+  // -- Bookmarks, security scope, reachability ------------------------------------------
+  /// Bookmark data for the item of this file URL: on Linux a binary property
+  /// list with the item's path and identity. Options, keys and the relative
+  /// URL are accepted for compatibility and change nothing. Nil, with `error`
+  /// set, for URLs that are not file URLs (NSCocoaErrorDomain 262) or when
+  /// nothing is there (NSCocoaErrorDomain 4).
+  Ref<Data> bookmarkDataWithOptions_includingResourceValuesForKeys_relativeToURL_error(
+      std::uint64_t options, const Ref<Array>& keys, const Ref<URL>& relativeURL, Ref<Error>* error) const;
+  /// The file URL of the item a bookmark names, found by its path.
+  /// `isStale` (if given) tells whether the item there now is another one
+  /// than was bookmarked. Nil, with `error` set, for data that is not bookmark
+  /// data (NSCocoaErrorDomain 259) or when nothing is at the path
+  /// (NSCocoaErrorDomain 4); bad data never does more than that.
+  static Ref<URL> URLByResolvingBookmarkData_options_relativeToURL_bookmarkDataIsStale_error(
+      const Ref<Data>& data, std::uint64_t options, const Ref<URL>& relativeURL, bool* isStale,
+      Ref<Error>* error);
+  /// Starts access to a security-scoped resource. Linux has no sandbox that
+  /// needs it: YES for file URLs, NO for others. Counting is the business of
+  /// OVURLsAccessController.
+  bool startAccessingSecurityScopedResource() const;
+  /// Ends it (nothing to do on Linux).
+  void stopAccessingSecurityScopedResource() const;
+  /// Whether the item of this file URL exists. NO, with `error` set as for
+  /// resource values, when it does not or the URL is not a file URL.
+  bool checkResourceIsReachableAndReturnError(Ref<Error>* error) const;
+
   // -- Resource values -----------------------------------------------------------------
   /// The value for a resource key: a value set on this object (see
   /// setResourceValue_forKey) if there is one, else, for file URLs and the
@@ -223,6 +258,10 @@ class URL : public Object {
   Ref<URL> withPath(std::string encodedPath) const;
   Ref<URL> withAppendedComponent(std::string_view component, std::optional<bool> isDirectory) const;
   Id cachedResourceValueForKey(std::string_view key) const;
+  /// NSCocoaErrorDomain 262 naming this URL: the file system cannot answer it.
+  Ref<Error> unsupportedSchemeError() const;
+  /// Reads file-system keys of this URL's item in one go.
+  bool readFileSystemValues(std::span<const std::string> keys, Dictionary& values, Ref<Error>* error) const;
   /// For a reference URL, the file URL of its current path (nil once the
   /// item is gone); for other URLs, this URL.
   Ref<URL> pathURL() const;

@@ -3,7 +3,7 @@
 //
 // URL keeps the rules of URL text; whatever it must ask the operating system
 // (what kind of item a path names, the values of resource keys, the identity
-// of an item) it asks through this interface. The Linux implementation lives in the Platform
+// of an item, bookmarks) it asks through this interface. The Linux implementation lives in the Platform
 // layer, which defines systemURLFileSystem(); the runtime never includes
 // Platform headers. Implementations are thread-safe.
 #include "fennick/Runtime/FileIdentity.h"
@@ -15,6 +15,7 @@
 
 namespace fennick {
 
+class Data;
 class Dictionary;
 class Error;
 class URL;
@@ -40,6 +41,15 @@ class URLFileSystem {
   /// every caller that asks for the same item while one is alive; nil when
   /// nothing is there.
   virtual Ref<const FileIdentity> identityOfItemAtPath(const std::string& path) const = 0;
+
+  /// Bookmark data naming the item of the file URL `url`; nil, with `error`
+  /// set, when there is no such item.
+  virtual Ref<Data> bookmarkDataForURL(const URL& url, Ref<Error>* error) const = 0;
+  /// The file URL of the item a bookmark names, found by its path; `isStale`
+  /// tells whether the item there now is another one than was bookmarked.
+  /// Nil, with `error` set, for data that is not a bookmark or when nothing is
+  /// at the path.
+  virtual Ref<URL> URLByResolvingBookmarkData(const Ref<Data>& data, bool& isStale, Ref<Error>* error) const = 0;
 };
 
 /// The operating system's file system, as the Platform layer supplies it.

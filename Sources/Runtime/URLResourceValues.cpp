@@ -12,28 +12,22 @@
 
 namespace fennick {
 
-namespace {
-
-Ref<Error> unsupportedSchemeError(const URL& url) {
+Ref<Error> URL::unsupportedSchemeError() const {
   return Error::errorWithDomain_code_userInfo(
       NSCocoaErrorDomain, 262,
       Dictionary::dictionaryWithStringKeys(
           {{NSLocalizedDescriptionKey,
             String::string("The file couldn’t be opened because the specified URL type isn’t supported.")},
-           {NSURLErrorKey, std::const_pointer_cast<Object>(url.self())}}));
+           {NSURLErrorKey, std::const_pointer_cast<Object>(self())}}));
 }
 
-// Reads the file-system keys of one URL in one go.
-bool readFromFileSystem(const URL& url, std::span<const std::string> keys, Dictionary& values,
-                        Ref<Error>* error) {
-  if (!url.isFileURL()) {
-    if (error) *error = unsupportedSchemeError(url);
+bool URL::readFileSystemValues(std::span<const std::string> keys, Dictionary& values, Ref<Error>* error) const {
+  if (!isFileURL()) {
+    if (error) *error = unsupportedSchemeError();
     return false;
   }
-  return systemURLFileSystem().readResourceValues(url, keys, values, error);
+  return systemURLFileSystem().readResourceValues(*this, keys, values, error);
 }
-
-}  // namespace
 
 Id URL::cachedResourceValueForKey(std::string_view key) const {
   std::lock_guard lock(cacheMutex_);
@@ -46,7 +40,7 @@ Id URL::resourceValueForKey(std::string_view key, Ref<Error>* error) const {
   if (!systemURLFileSystem().answersResourceKey(key)) return nullptr;
   const std::string keys[] = {std::string(key)};
   auto values = Dictionary::dictionary();
-  if (!readFromFileSystem(*this, keys, *values, error)) return nullptr;
+  if (!readFileSystemValues(keys, *values, error)) return nullptr;
   return values->objectForKey(key);
 }
 
@@ -64,7 +58,7 @@ Ref<Dictionary> URL::resourceValuesForKeys(const Ref<Array>& keys, Ref<Error>* e
     found.emplace_back(std::move(key), std::move(cached));
   }
   auto read = Dictionary::dictionary();
-  if (!unread.empty() && !readFromFileSystem(*this, unread, *read, error)) return nullptr;
+  if (!unread.empty() && !readFileSystemValues(unread, *read, error)) return nullptr;
   for (auto& [key, value] : found) {
     if (!value) value = read->objectForKey(key);
     if (value) values->setObject_forKey(value, key);

@@ -1,6 +1,7 @@
 #pragma once
 // The Linux file system behind file URLs: status reads for resource values,
-// identities with shared O_PATH descriptors for reference URLs.
+// identities with shared O_PATH descriptors for reference URLs, bookmarks
+// that find an item by path and know its identity.
 // Thread-safe; one instance serves the process (systemURLFileSystem()).
 #include "fennick/Runtime/URLFileSystem.h"
 
@@ -13,6 +14,8 @@ class LinuxURLFileSystem final : public URLFileSystem {
   bool readResourceValues(const URL& url, std::span<const std::string> keys, Dictionary& values,
                           Ref<Error>* error) const override;
   Ref<const FileIdentity> identityOfItemAtPath(const std::string& path) const override;
+  Ref<Data> bookmarkDataForURL(const URL& url, Ref<Error>* error) const override;
+  Ref<URL> URLByResolvingBookmarkData(const Ref<Data>& data, bool& isStale, Ref<Error>* error) const override;
 };
 
 }  // namespace fennick::platform
