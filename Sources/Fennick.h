@@ -25,10 +25,15 @@
 #include "fennick/Runtime/PropertyList.h"
 #include "fennick/Runtime/Set.h"
 #include "fennick/Runtime/String.h"
+#include "fennick/Runtime/FileIdentity.h"
 #include "fennick/Runtime/URL.h"
 #include "fennick/Runtime/URLFileSystem.h"
+#include "fennick/Runtime/URLQueryItem.h"
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
+
+#include "fennick/Platform/DirectorySizeWalker.h"
+#include "fennick/Platform/VnodeEventSource.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 

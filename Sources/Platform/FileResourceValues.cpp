@@ -1,6 +1,7 @@
 #include "fennick/Platform/Internal/FileResourceValues.h"
 
 #include "fennick/Platform/Internal/LinuxFileIdentity.h"
+#include "fennick/Platform/Internal/MountTable.h"
 
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
@@ -18,7 +19,10 @@
 
 namespace fennick::platform {
 
+bool isVolumeResourceKey(std::string_view key) { return key == NSURLIsVolumeKey || key == NSURLVolumeURLKey; }
+
 bool isFileSystemResourceKey(std::string_view key) {
+  if (isVolumeResourceKey(key)) return true;
   static constexpr std::array<std::string_view, 10> keys = {
       NSURLNameKey,          NSURLLocalizedNameKey,     NSURLPathKey,
       NSURLHasHiddenExtensionKey, NSURLIsDirectoryKey, NSURLIsRegularFileKey,
@@ -49,6 +53,20 @@ Id resourceValueFromStatus(std::string_view key, const struct stat& status, cons
 
 namespace {
 
+std::optional<struct statx> mountOf(const URL& url) {
+  struct statx status {};
+  int result = -1;
+  constexpr unsigned kWanted = STATX_MNT_ID;
+  if (const auto& identity = url.fileIdentity()) {
+    static_cast<const LinuxFileIdentity&>(*identity).withDescriptor(
+        [&](int descriptor) { result = ::statx(descriptor, "", AT_EMPTY_PATH, kWanted, &status); });
+  } else {
+    result = ::statx(AT_FDCWD, url.path().c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &status);
+  }
+  if (result != 0 || !(status.stx_mask & STATX_MNT_ID)) return std::nullopt;
+  return status;
+}
+
 // 0 or the errno of the read.
 int statusOfIdentity(const LinuxFileIdentity& identity, struct stat& status) {
   int code = ENOENT;  // a revoked identity's file system is gone
@@ -75,6 +93,23 @@ bool readItemStatus(const URL& url, struct stat& status, Ref<Error>* error) {
                                               {NSURLErrorKey, std::const_pointer_cast<Object>(url.self())},
                                               {NSFilePathErrorKey, String::string(path)}}));
   return false;
+}
+
+void readVolumeValues(const URL& url, std::span<const std::string> keys, Dictionary& values) {
+  std::optional<struct statx> status = mountOf(url);
+  if (!status) return;
+  std::optional<std::string> mountPoint = MountTable::mountPointOfMount(status->stx_mnt_id);
+  if (!mountPoint) return;
+  for (const std::string& key : keys) {
+    if (key == NSURLVolumeURLKey) {
+      values.setObject_forKey(URL::fileURLWithPath_isDirectory(*mountPoint, true), key);
+    } else if (key == NSURLIsVolumeKey) {
+      const bool isRoot = (status->stx_attributes_mask & STATX_ATTR_MOUNT_ROOT)
+                              ? (status->stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0
+                              : url.path() == *mountPoint;
+      values.setObject_forKey(Number::numberWithBool(isRoot), key);
+    }
+  }
 }
 
 }  // namespace fennick::platform

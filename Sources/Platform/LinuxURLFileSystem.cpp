@@ -1,5 +1,6 @@
 #include "fennick/Platform/Internal/LinuxURLFileSystem.h"
 
+#include "fennick/Platform/DirectorySizeWalker.h"
 #include "fennick/Platform/Internal/Bookmark.h"
 #include "fennick/Platform/Internal/FileIdentityTable.h"
 #include "fennick/Platform/Internal/FileResourceValues.h"
@@ -74,14 +75,22 @@ Ref<URL> LinuxURLFileSystem::URLByResolvingBookmarkData(const Ref<Data>& data, b
   return URL::fileURLWithPath_isDirectory(target->path, S_ISDIR(status.st_mode));
 }
 
+std::int64_t LinuxURLFileSystem::allocatedSizeOfFolderTree(const std::string& path) const {
+  return DirectorySizeWalker(path).run();
+}
+
 bool LinuxURLFileSystem::answersResourceKey(std::string_view key) const { return isFileSystemResourceKey(key); }
 
 bool LinuxURLFileSystem::readResourceValues(const URL& url, std::span<const std::string> keys,
                                             Dictionary& values, Ref<Error>* error) const {
   struct stat status {};
   if (!readItemStatus(url, status, error)) return false;
-  for (const std::string& key : keys)
+  bool asksVolume = false;
+  for (const std::string& key : keys) {
     if (Id value = resourceValueFromStatus(key, status, url)) values.setObject_forKey(value, key);
+    asksVolume |= isVolumeResourceKey(key);
+  }
+  if (asksVolume) readVolumeValues(url, keys, values);
   return true;
 }
 

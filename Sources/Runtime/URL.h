@@ -14,6 +14,7 @@
 #include "fennick/Runtime/FileIdentity.h"
 #include "fennick/Runtime/Object.h"
 
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -24,6 +25,7 @@ namespace fennick {
 
 class Array;
 class Data;
+class Number;
 class Dictionary;
 class Error;
 
@@ -41,6 +43,10 @@ inline constexpr const char* NSURLFileSizeKey = "NSURLFileSizeKey";
 /// Bytes a regular file occupies on disk (absent for other items).
 inline constexpr const char* NSURLFileAllocatedSizeKey = "NSURLFileAllocatedSizeKey";
 inline constexpr const char* NSURLContentModificationDateKey = "NSURLContentModificationDateKey";  // Date
+/// Whether the item is the root of a mounted file system (bool Number).
+inline constexpr const char* NSURLIsVolumeKey = "NSURLIsVolumeKey";
+/// The directory URL of the mount point of the item's file system.
+inline constexpr const char* NSURLVolumeURLKey = "NSURLVolumeURLKey";
 
 /// Options of bookmark creation and resolution (the platform's values). Linux
 /// has no sandbox that needs security-scoped bookmarks, so they change nothing.
@@ -48,6 +54,14 @@ inline constexpr std::uint64_t NSURLBookmarkCreationWithSecurityScope = 0x800;
 inline constexpr std::uint64_t NSURLBookmarkResolutionWithoutUI = 0x100;
 inline constexpr std::uint64_t NSURLBookmarkResolutionWithoutMounting = 0x200;
 inline constexpr std::uint64_t NSURLBookmarkResolutionWithSecurityScope = 0x400;
+
+/// Keys of values that the files helpers keep on URL objects (never on disk).
+/// Bytes the item occupies on disk (64-bit Number).
+inline constexpr const char* DXURLDiskSizeKey = "com.pellora.DesktopClient.url-disk-size";
+/// The URL through which the item is accessed (a security-scoped URL).
+inline constexpr const char* DXURLSecureAccessURLKey = "com.pellora.DesktopClient.url-secure-access-url";
+/// Whether a bookmark exists for the item (bool Number).
+inline constexpr const char* DXURLIsBookmarkedKey = "com.pellora.DesktopClient.url-is-bookmarked";
 
 /// Which characters percent encoding leaves alone, per URL component.
 enum class URLCharacterSet { User, Password, Host, Path, Query, Fragment };
@@ -212,6 +226,81 @@ class URL : public Object {
   }
   void removeCachedResourceValueForKey(std::string_view key);
   void removeAllCachedResourceValues();
+
+  // -- File helpers -----------------------------------------------------------------
+  /// `base`'s URLByAppendingPathComponent_isDirectory with the path; nil for
+  /// a nil base.
+  static Ref<URL> ovFileURLWithPath_isDirectory_relativeToURL(std::string_view path, bool isDirectory,
+                                                              const Ref<URL>& base);
+  /// `base`'s URLByAppendingPathComponent with the path; nil for a nil base.
+  static Ref<URL> ovFileURLWithPath_relativeToURL(std::string_view path, const Ref<URL>& base);
+  /// The components (their descriptions) joined with "/", then as above.
+  static Ref<URL> ovFileURLWithPathComponents_isDirectory_relativeToURL(const Ref<Array>& components,
+                                                                        bool isDirectory, const Ref<URL>& base);
+  static Ref<URL> ovFileURLWithPathComponents_relativeToURL(const Ref<Array>& components, const Ref<URL>& base);
+  /// A file URL of the path of filePathURL(), the trailing slash decided
+  /// anew by what is on disk; nil when there is no path.
+  Ref<URL> fileURLWithFixedTrailingSlash() const;
+  /// Whether the item is in a trash: its path contains "/.Trash" (per-volume
+  /// trash folders included), or lies inside the user's XDG trash
+  /// ($XDG_DATA_HOME/Trash, by default ~/.local/share/Trash).
+  bool inTrash() const;
+  /// Whether the item's volume (NSURLVolumeURLKey: the mount point of its file
+  /// system, from /proc/self/mountinfo) is "/"; NO when it cannot be read.
+  bool onRootVolume() const;
+  /// fetchDirectorySizeFromMetadata when it answers, else
+  /// fetchDirectorySizeFromNodes. May take long: not on an interface thread.
+  std::int64_t fetchDirectorySize() const;
+  /// Linux has no metadata index that knows sizes: always nil.
+  Ref<Number> fetchDirectorySizeFromMetadata() const;
+  /// The bytes the folder's tree occupies, by walking it as `du` does (see
+  /// fennick/Platform/DirectorySizeWalker.h for what counts); 0 for URLs
+  /// that are not file URLs or name no readable folder.
+  std::int64_t fetchDirectorySizeFromNodes() const;
+  /// The resource value DXURLIsBookmarkedKey as a bool (NO when absent).
+  bool isBookmarked() const;
+  /// NSURLIsDirectoryKey as a bool (NO when it cannot be read).
+  bool isDirectory() const;
+  /// The localized name of the URL without its extension, with the
+  /// extension added back when the file system hides it (never on Linux);
+  /// the last path component when there is no such name, "<unknown>" when
+  /// there is none either.
+  std::string localizedNameWithExtension() const;
+  /// The URL with `queryItems` (URLQueryItem objects, taken as already
+  /// percent-encoded) put before the query items it has; the same object
+  /// for an empty array. The existing items are read decoded, as URL
+  /// components read them; characters that a query cannot hold are then
+  /// percent-encoded.
+  Ref<URL> ovURLByAddingPercentEncdodedQueryItems(const Ref<Array>& queryItems) const;
+
+  // -- Locations ------------------------------------------------------------------
+  // Where the platform's locations are on Linux:
+  //   ovUserHomeURL               sandboxed: realHome; else $HOME (realHome when unset)
+  //   ovUserPreferencesURL        $XDG_CONFIG_HOME, or ~/.config
+  //   ovSystemPreferencesURL      /etc/xdg
+  //   ovSandboxContainerURL       ~/.var/app (Flatpak's per-application folders)
+  //   ovSandboxGroupContainerURL  ~/.var/app
+  //   ovUserCachesURL             $XDG_CACHE_HOME, or ~/.cache
+  //   ovDarwinUserCachesURL       $XDG_RUNTIME_DIR, or nil
+  // "~" is ovUserHomeURL; XDG variables that hold a relative path are ignored,
+  // as the XDG base directory rules say.
+  /// The home folder of the user database (getpwuid), read once; a user
+  /// without an entry stops the process.
+  static Ref<URL> realHome();
+  static Ref<URL> ovUserHomeURL();
+  static Ref<URL> ovUserPreferencesURL();
+  static Ref<URL> ovSystemPreferencesURL();
+  /// The system's, then the user's preferences URL.
+  static Ref<Array> ovAllPreferencesURLs();
+  static Ref<URL> ovSandboxContainerURL();
+  static Ref<URL> ovSandboxGroupContainerURL();
+  static Ref<URL> ovDarwinUserCachesURL();
+  static Ref<URL> ovUserCachesURL();
+  /// ovDarwinUserCachesURL, then ovUserCachesURL, leaving out nil ones.
+  static Ref<Array> ovAllUserCachesURLs();
+  /// Decided once: the environment holds "APP_SANDBOX_CONTAINER_ID" (any
+  /// value), or the process runs in a Flatpak sandbox (/.flatpak-info).
+  static bool _isSandboxed();
 
   // -- Percent encoding -----------------------------------------------------------------
   /// Encodes every byte that the component does not allow as "%XX".

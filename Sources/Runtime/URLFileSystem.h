@@ -3,12 +3,14 @@
 //
 // URL keeps the rules of URL text; whatever it must ask the operating system
 // (what kind of item a path names, the values of resource keys, the identity
-// of an item, bookmarks) it asks through this interface. The Linux implementation lives in the Platform
+// of an item, bookmarks, the size of a folder's tree) it asks through this
+// interface. The Linux implementation lives in the Platform
 // layer, which defines systemURLFileSystem(); the runtime never includes
 // Platform headers. Implementations are thread-safe.
 #include "fennick/Runtime/FileIdentity.h"
 #include "fennick/Runtime/Ref.h"
 
+#include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
@@ -50,6 +52,11 @@ class URLFileSystem {
   /// Nil, with `error` set, for data that is not a bookmark or when nothing is
   /// at the path.
   virtual Ref<URL> URLByResolvingBookmarkData(const Ref<Data>& data, bool& isStale, Ref<Error>* error) const = 0;
+
+  /// The bytes the tree of the folder at `path` occupies on disk: the
+  /// allocated size of every entry below it that is not a folder; 0 when the
+  /// folder cannot be read.
+  virtual std::int64_t allocatedSizeOfFolderTree(const std::string& path) const = 0;
 };
 
 /// The operating system's file system, as the Platform layer supplies it.

@@ -1,7 +1,7 @@
 // Vnode sources where the test needs a namespace of its own: a file system
 // lazily unmounted under a watch, and the kernel's watch limit.
 #include "Platform/FileTestSupport.h"
-#include "Platform/PrivateNamespace.h"
+#include "Platform/ChildTestRun.h"
 #include "Platform/VnodeEventRecorder.h"
 
 #include "fennick/Runtime/Log.h"
@@ -21,8 +21,6 @@ namespace {
 using filetest::TemporaryFolder;
 using filetest::VnodeEventRecorder;
 
-constexpr int kCannotSetUp = 77;
-
 // Descriptors of this process whose item lives on device `device`.
 int descriptorsOnDevice(dev_t device) {
   int count = 0;
@@ -34,15 +32,15 @@ int descriptorsOnDevice(dev_t device) {
 }
 
 TEST(VnodeNamespaceTest, LazyUnmountRevokesAndReleasesTheFileSystem) {
-  FENNICK_RUN_IN_PRIVATE_NAMESPACE("VnodeNamespaceTest.InsideLazyUnmount");
+  FENNICK_RUN_IN_CHILD("VnodeNamespaceTest.InsideLazyUnmount", {.privateNamespace = true});
 }
 
 TEST(VnodeNamespaceTest, InsideLazyUnmount) {
-  FENNICK_ONLY_IN_PRIVATE_NAMESPACE();
+  FENNICK_ONLY_IN_CHILD();
   TemporaryFolder folder;
   if (::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=1m") != 0) {
     std::perror("mounting a tmpfs");
-    ::_exit(kCannotSetUp);
+    ::_exit(filetest::kChildCannotSetUp);
   }
   ASSERT_TRUE(filetest::writeFile(folder / "file", "x"));
   ASSERT_EQ(::mkdir((folder / "folder").c_str(), 0755), 0);
@@ -67,16 +65,16 @@ TEST(VnodeNamespaceTest, InsideLazyUnmount) {
 }
 
 TEST(VnodeNamespaceTest, TheWatchLimitGivesNilAndOneLogLine) {
-  FENNICK_RUN_IN_PRIVATE_NAMESPACE("VnodeNamespaceTest.InsideWatchLimit");
+  FENNICK_RUN_IN_CHILD("VnodeNamespaceTest.InsideWatchLimit", {.privateNamespace = true});
 }
 
 TEST(VnodeNamespaceTest, InsideWatchLimit) {
-  FENNICK_ONLY_IN_PRIVATE_NAMESPACE();
+  FENNICK_ONLY_IN_CHILD();
   if (std::FILE* limit = std::fopen("/proc/sys/user/max_inotify_watches", "w")) {
     std::fputs("3", limit);
-    if (std::fclose(limit) != 0) ::_exit(kCannotSetUp);
+    if (std::fclose(limit) != 0) ::_exit(filetest::kChildCannotSetUp);
   } else {
-    ::_exit(kCannotSetUp);
+    ::_exit(filetest::kChildCannotSetUp);
   }
   TemporaryFolder folder;
   LogCapture log;
