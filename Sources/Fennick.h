@@ -40,6 +40,8 @@
 #include "fennick/Helpers/OVBaseRouter.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVCancellationGroup.h"
+#include "fennick/Helpers/OVFileMonitor.h"
+#include "fennick/Helpers/OVFileMonitoringManager.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Helpers/OVProactor.h"
 #include "fennick/Helpers/OVReceptionist.h"
