@@ -112,7 +112,14 @@ void OVFileMonitoringManager::_removeObserver_monitoredURL_observedURL_isRecursi
     if (observers != fileObserversByObservedURL_.end()) {
       observers->second.erase(observer);
       if (observers->second.empty()) {
-        // The empty set stays; only the monitor goes, once nobody observes it.
+        // The entry goes with its last observer: its key, a reference URL,
+        // holds the item open, and would keep a file system busy for good.
+        // For the same reason the item leaves the lists of every folder
+        // above it, also of folders it was moved out of, which the walk
+        // below no longer reaches; with no observer left it was heard by
+        // nobody there.
+        fileObserversByObservedURL_.erase(observers);
+        for (auto& [folder, observedURLs] : observedURLsByMonitoredURLs_) observedURLs.erase(observedURL);
         auto monitor = std::static_pointer_cast<OVFileMonitor>(fileMonitorsByMonitoredURL_->objectForKey(observedURL));
         if (monitor) {
           monitor->removeObserver(strongSelf());
