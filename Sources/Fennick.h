@@ -38,6 +38,7 @@
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
 #include "fennick/Helpers/OVBaseRouter.h"
+#include "fennick/Helpers/OVBookmarkedURLTransformer.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVCancellationGroup.h"
 #include "fennick/Helpers/OVFileMonitor.h"
@@ -47,4 +48,7 @@
 #include "fennick/Helpers/OVReceptionist.h"
 #include "fennick/Helpers/OVSafeRunner.h"
 #include "fennick/Helpers/OVStateMachine.h"
+#include "fennick/Helpers/OVURLsAccessController.h"
 #include "fennick/Helpers/OVValueOrError.h"
+#include "fennick/Helpers/URLKey.h"
+#include "fennick/Helpers/URLSecurityScope.h"

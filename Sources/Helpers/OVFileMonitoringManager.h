@@ -21,6 +21,7 @@
 // one; folder monitors made for recursive registrations live as long as the
 // manager; and removing a recursive registration takes its item off a
 // folder's list even when another recursive registration of it remains.
+#include "fennick/Helpers/URLKey.h"
 #include "fennick/Helpers/OVFileMonitor.h"
 #include "fennick/Runtime/Dictionary.h"
 
@@ -117,14 +118,8 @@ class OVFileMonitoringManager : public Object, public OVFileObserver {
   OVFileMonitoringManager();
 
  private:
-  struct URLHash {
-    std::size_t operator()(const Ref<URL>& url) const { return url->hash(); }
-  };
-  struct URLEqual {
-    bool operator()(const Ref<URL>& a, const Ref<URL>& b) const { return a->isEqual(b.get()); }
-  };
   using ObserverSet = std::unordered_set<Ref<OVFileObserver>>;
-  using URLSet = std::unordered_set<Ref<URL>, URLHash, URLEqual>;
+  using URLSet = std::unordered_set<Ref<URL>, URLKeyHash, URLKeyEqual>;
 
   Ref<OVFileMonitoringManager> strongSelf();
   /// Runs `relay` on the internal queue for every observer the fan-out reaches.
@@ -132,8 +127,8 @@ class OVFileMonitoringManager : public Object, public OVFileObserver {
              std::function<void(OVFileObserver& observer, const Ref<URL>& observedURL)> call);
 
   const Ref<Dictionary> fileMonitorsByMonitoredURL_;
-  std::unordered_map<Ref<URL>, ObserverSet, URLHash, URLEqual> fileObserversByObservedURL_;
-  std::unordered_map<Ref<URL>, URLSet, URLHash, URLEqual> observedURLsByMonitoredURLs_;
+  std::unordered_map<Ref<URL>, ObserverSet, URLKeyHash, URLKeyEqual> fileObserversByObservedURL_;
+  std::unordered_map<Ref<URL>, URLSet, URLKeyHash, URLKeyEqual> observedURLsByMonitoredURLs_;
   const Ref<dispatch::Queue> internalQueue_;
 };
 
