@@ -274,7 +274,7 @@ Ref<URL> URL::withAppendedComponent(std::string_view component, std::optional<bo
   encoded.erase(0, firstKept == std::string::npos ? encoded.size() : firstKept);
   std::string path = parts_.path;
   if (path.empty()) {
-    if (parts_.hasAuthority) path = "/";
+    if (parts_.hasAuthority) path.assign(1, '/');
   } else if (!path.ends_with('/')) {
     path.push_back('/');
   }
@@ -336,8 +336,8 @@ Ref<URL> URL::URLByDeletingPathExtension() const {
 Ref<URL> URL::URLByStandardizingPath() const {
   if (identity_) return pathURL();
   std::string path = removeDotSegments(parts_.path);
-  if (path.empty() && parts_.path.starts_with('/')) path = "/";
-  return withPath(std::move(path));
+  // Everything above an absolute path's root is the root.
+  return withPath(path.empty() && parts_.path.starts_with('/') ? std::string(1, '/') : std::move(path));
 }
 
 // -- Percent encoding ----------------------------------------------------------------

@@ -87,7 +87,10 @@ bool parseAuthority(std::string_view authority, URL::Parts& parts) {
 
 // RFC 3986, 5.2.3.
 std::string mergePaths(const URL::Parts& base, std::string_view relative) {
-  if (base.hasAuthority && base.path.empty()) return "/" + std::string(relative);
+  if (base.hasAuthority && base.path.empty()) {
+    std::string merged(1, '/');
+    return merged.append(relative);
+  }
   const auto slash = base.path.rfind('/');
   if (slash == std::string::npos) return std::string(relative);
   return base.path.substr(0, slash + 1).append(relative);
