@@ -6,16 +6,26 @@
 // as written (percent-encoded); the accessors say which ones they decode.
 // Equality and hashing go by the absolute string, so a relative URL equals the
 // absolute URL it resolves to.
+//
+// A file reference URL (fileReferenceURL()) names an item by identity. Its
+// text is "file:///.file/id=<device>.<inode>/", so equality and hashing follow
+// the item across renames and such URLs key dictionaries; its path and every
+// path operation use the item's current path, asked anew at each call.
+#include "fennick/Runtime/FileIdentity.h"
 #include "fennick/Runtime/Object.h"
 
+#include <cstdint>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 namespace fennick {
 
 class Array;
+class Data;
+class Number;
 class Dictionary;
 class Error;
 
@@ -33,6 +43,25 @@ inline constexpr const char* NSURLFileSizeKey = "NSURLFileSizeKey";
 /// Bytes a regular file occupies on disk (absent for other items).
 inline constexpr const char* NSURLFileAllocatedSizeKey = "NSURLFileAllocatedSizeKey";
 inline constexpr const char* NSURLContentModificationDateKey = "NSURLContentModificationDateKey";  // Date
+/// Whether the item is the root of a mounted file system (bool Number).
+inline constexpr const char* NSURLIsVolumeKey = "NSURLIsVolumeKey";
+/// The directory URL of the mount point of the item's file system.
+inline constexpr const char* NSURLVolumeURLKey = "NSURLVolumeURLKey";
+
+/// Options of bookmark creation and resolution (the platform's values). Linux
+/// has no sandbox that needs security-scoped bookmarks, so they change nothing.
+inline constexpr std::uint64_t NSURLBookmarkCreationWithSecurityScope = 0x800;
+inline constexpr std::uint64_t NSURLBookmarkResolutionWithoutUI = 0x100;
+inline constexpr std::uint64_t NSURLBookmarkResolutionWithoutMounting = 0x200;
+inline constexpr std::uint64_t NSURLBookmarkResolutionWithSecurityScope = 0x400;
+
+/// Keys of values that the files helpers keep on URL objects (never on disk).
+/// Bytes the item occupies on disk (64-bit Number).
+inline constexpr const char* DXURLDiskSizeKey = "com.pellora.DesktopClient.url-disk-size";
+/// The URL through which the item is accessed (a security-scoped URL).
+inline constexpr const char* DXURLSecureAccessURLKey = "com.pellora.DesktopClient.url-secure-access-url";
+/// Whether a bookmark exists for the item (bool Number).
+inline constexpr const char* DXURLIsBookmarkedKey = "com.pellora.DesktopClient.url-is-bookmarked";
 
 /// Which characters percent encoding leaves alone, per URL component.
 enum class URLCharacterSet { User, Password, Host, Path, Query, Fragment };
@@ -111,8 +140,24 @@ class URL : public Object {
   bool isFileURL() const;
   /// Whether the path ends with "/".
   bool hasDirectoryPath() const;
-  /// This URL when it is a file URL, else nil.
+  /// This URL when it is a file URL, else nil. For a file reference URL, a
+  /// file URL of the item's current path; nil once the item is gone.
   Ref<URL> filePathURL() const;
+  /// The path as the file system takes it (decoded bytes); nil for URLs that
+  /// are not file URLs or have no path, and for a reference URL whose item is
+  /// gone.
+  std::optional<std::string> fileSystemRepresentation() const;
+
+  // -- File identity -------------------------------------------------------------
+  /// A file reference URL for the item this file URL names (symbolic links
+  /// followed), or nil when the URL is not a file URL or nothing is there. A
+  /// reference URL answers itself. Reference URLs of one item are equal, and
+  /// share one hold on the item (on Linux one O_PATH descriptor, which keeps
+  /// its file system from a plain unmount while any of them lives).
+  Ref<URL> fileReferenceURL() const;
+  bool isFileReferenceURL() const noexcept { return identity_ != nullptr; }
+  /// The identity a file reference URL holds; nil for other URLs.
+  const Ref<const FileIdentity>& fileIdentity() const noexcept { return identity_; }
 
   /// The component (percent-encoded as needed; "/" inside it separates
   /// components) appended to the path. On file URLs the file system decides
@@ -132,6 +177,32 @@ class URL : public Object {
   Ref<URL> URLByDeletingPathExtension() const;
   /// "." components removed and ".." components applied to the path.
   Ref<URL> URLByStandardizingPath() const;
+
+  // -- Bookmarks, security scope, reachability ------------------------------------------
+  /// Bookmark data for the item of this file URL: on Linux a binary property
+  /// list with the item's path and identity. Options, keys and the relative
+  /// URL are accepted for compatibility and change nothing. Nil, with `error`
+  /// set, for URLs that are not file URLs (NSCocoaErrorDomain 262) or when
+  /// nothing is there (NSCocoaErrorDomain 4).
+  Ref<Data> bookmarkDataWithOptions_includingResourceValuesForKeys_relativeToURL_error(
+      std::uint64_t options, const Ref<Array>& keys, const Ref<URL>& relativeURL, Ref<Error>* error) const;
+  /// The file URL of the item a bookmark names, found by its path.
+  /// `isStale` (if given) tells whether the item there now is another one
+  /// than was bookmarked. Nil, with `error` set, for data that is not bookmark
+  /// data (NSCocoaErrorDomain 259) or when nothing is at the path
+  /// (NSCocoaErrorDomain 4); bad data never does more than that.
+  static Ref<URL> URLByResolvingBookmarkData_options_relativeToURL_bookmarkDataIsStale_error(
+      const Ref<Data>& data, std::uint64_t options, const Ref<URL>& relativeURL, bool* isStale,
+      Ref<Error>* error);
+  /// Starts access to a security-scoped resource. Linux has no sandbox that
+  /// needs it: YES for file URLs, NO for others. Counting is the business of
+  /// OVURLsAccessController.
+  bool startAccessingSecurityScopedResource() const;
+  /// Ends it (nothing to do on Linux).
+  void stopAccessingSecurityScopedResource() const;
+  /// Whether the item of this file URL exists. NO, with `error` set as for
+  /// resource values, when it does not or the URL is not a file URL.
+  bool checkResourceIsReachableAndReturnError(Ref<Error>* error) const;
 
   // -- Resource values -----------------------------------------------------------------
   /// The value for a resource key: a value set on this object (see
@@ -155,6 +226,81 @@ class URL : public Object {
   }
   void removeCachedResourceValueForKey(std::string_view key);
   void removeAllCachedResourceValues();
+
+  // -- File helpers -----------------------------------------------------------------
+  /// `base`'s URLByAppendingPathComponent_isDirectory with the path; nil for
+  /// a nil base.
+  static Ref<URL> ovFileURLWithPath_isDirectory_relativeToURL(std::string_view path, bool isDirectory,
+                                                              const Ref<URL>& base);
+  /// `base`'s URLByAppendingPathComponent with the path; nil for a nil base.
+  static Ref<URL> ovFileURLWithPath_relativeToURL(std::string_view path, const Ref<URL>& base);
+  /// The components (their descriptions) joined with "/", then as above.
+  static Ref<URL> ovFileURLWithPathComponents_isDirectory_relativeToURL(const Ref<Array>& components,
+                                                                        bool isDirectory, const Ref<URL>& base);
+  static Ref<URL> ovFileURLWithPathComponents_relativeToURL(const Ref<Array>& components, const Ref<URL>& base);
+  /// A file URL of the path of filePathURL(), the trailing slash decided
+  /// anew by what is on disk; nil when there is no path.
+  Ref<URL> fileURLWithFixedTrailingSlash() const;
+  /// Whether the item is in a trash: its path contains "/.Trash" (per-volume
+  /// trash folders included), or lies inside the user's XDG trash
+  /// ($XDG_DATA_HOME/Trash, by default ~/.local/share/Trash).
+  bool inTrash() const;
+  /// Whether the item's volume (NSURLVolumeURLKey: the mount point of its file
+  /// system, from /proc/self/mountinfo) is "/"; NO when it cannot be read.
+  bool onRootVolume() const;
+  /// fetchDirectorySizeFromMetadata when it answers, else
+  /// fetchDirectorySizeFromNodes. May take long: not on an interface thread.
+  std::int64_t fetchDirectorySize() const;
+  /// Linux has no metadata index that knows sizes: always nil.
+  Ref<Number> fetchDirectorySizeFromMetadata() const;
+  /// The bytes the folder's tree occupies, by walking it as `du` does (see
+  /// fennick/Platform/DirectorySizeWalker.h for what counts); 0 for URLs
+  /// that are not file URLs or name no readable folder.
+  std::int64_t fetchDirectorySizeFromNodes() const;
+  /// The resource value DXURLIsBookmarkedKey as a bool (NO when absent).
+  bool isBookmarked() const;
+  /// NSURLIsDirectoryKey as a bool (NO when it cannot be read).
+  bool isDirectory() const;
+  /// The localized name of the URL without its extension, with the
+  /// extension added back when the file system hides it (never on Linux);
+  /// the last path component when there is no such name, "<unknown>" when
+  /// there is none either.
+  std::string localizedNameWithExtension() const;
+  /// The URL with `queryItems` (URLQueryItem objects, taken as already
+  /// percent-encoded) put before the query items it has; the same object
+  /// for an empty array. The existing items are read decoded, as URL
+  /// components read them; characters that a query cannot hold are then
+  /// percent-encoded.
+  Ref<URL> ovURLByAddingPercentEncdodedQueryItems(const Ref<Array>& queryItems) const;
+
+  // -- Locations ------------------------------------------------------------------
+  // Where the platform's locations are on Linux:
+  //   ovUserHomeURL               sandboxed: realHome; else $HOME (realHome when unset)
+  //   ovUserPreferencesURL        $XDG_CONFIG_HOME, or ~/.config
+  //   ovSystemPreferencesURL      /etc/xdg
+  //   ovSandboxContainerURL       ~/.var/app (Flatpak's per-application folders)
+  //   ovSandboxGroupContainerURL  ~/.var/app
+  //   ovUserCachesURL             $XDG_CACHE_HOME, or ~/.cache
+  //   ovDarwinUserCachesURL       $XDG_RUNTIME_DIR, or nil
+  // "~" is ovUserHomeURL; XDG variables that hold a relative path are ignored,
+  // as the XDG base directory rules say.
+  /// The home folder of the user database (getpwuid), read once; a user
+  /// without an entry stops the process.
+  static Ref<URL> realHome();
+  static Ref<URL> ovUserHomeURL();
+  static Ref<URL> ovUserPreferencesURL();
+  static Ref<URL> ovSystemPreferencesURL();
+  /// The system's, then the user's preferences URL.
+  static Ref<Array> ovAllPreferencesURLs();
+  static Ref<URL> ovSandboxContainerURL();
+  static Ref<URL> ovSandboxGroupContainerURL();
+  static Ref<URL> ovDarwinUserCachesURL();
+  static Ref<URL> ovUserCachesURL();
+  /// ovDarwinUserCachesURL, then ovUserCachesURL, leaving out nil ones.
+  static Ref<Array> ovAllUserCachesURLs();
+  /// Decided once: the environment holds "APP_SANDBOX_CONTAINER_ID" (any
+  /// value), or the process runs in a Flatpak sandbox (/.flatpak-info).
+  static bool _isSandboxed();
 
   // -- Percent encoding -----------------------------------------------------------------
   /// Encodes every byte that the component does not allow as "%XX".
@@ -200,10 +346,19 @@ class URL : public Object {
   bool assign(std::string_view text, Ref<URL> base);
   Ref<URL> withPath(std::string encodedPath) const;
   Ref<URL> withAppendedComponent(std::string_view component, std::optional<bool> isDirectory) const;
+  Id cachedResourceValueForKey(std::string_view key) const;
+  /// NSCocoaErrorDomain 262 naming this URL: the file system cannot answer it.
+  Ref<Error> unsupportedSchemeError() const;
+  /// Reads file-system keys of this URL's item in one go.
+  bool readFileSystemValues(std::span<const std::string> keys, Dictionary& values, Ref<Error>* error) const;
+  /// For a reference URL, the file URL of its current path (nil once the
+  /// item is gone); for other URLs, this URL.
+  Ref<URL> pathURL() const;
 
   // Set once, by the factories or by initWithCoder before the URL is shared.
   std::string relativeString_;
   Ref<URL> base_;
+  Ref<const FileIdentity> identity_;  // set for file reference URLs only
   std::string absoluteString_;
   Parts relativeParts_;
   Parts parts_;  // of the resolved URL

@@ -1,0 +1,102 @@
+#pragma once
+// Runs one test of this binary again in a child process set up differently:
+// in a user and mount namespace of its own (as `unshare -rm` does, so that it
+// may mount file systems and set per-namespace limits without touching the
+// host's), as an unprivileged user (so that permissions hold even when the
+// tests run as root), or with extra environment variables.
+//
+// The outer test calls FENNICK_RUN_IN_CHILD("Suite.Inner", setup); the inner
+// test starts with FENNICK_ONLY_IN_CHILD(), which skips it anywhere else (ctest
+// lists it like any other test). An inner test that cannot set itself up
+// exits with kChildCannotSetUp, which skips the outer test.
+#include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace fennick::filetest {
+
+inline constexpr const char* kChildTestVariable = "FENNICK_CHILD_TEST";
+inline constexpr int kChildCannotSetUp = 77;
+
+struct ChildSetup {
+  bool privateNamespace = false;
+  bool unprivileged = false;  // drops to the user "nobody" when running as root
+  std::vector<std::string> environment = {};
+};
+
+enum class ChildRun { Passed, Failed, Unavailable };
+
+inline ChildRun runTestInChild(const std::string& testName, const ChildSetup& setup) {
+  // Everything the child needs is made before fork: after it, only system calls.
+  const std::string filter = "--gtest_filter=" + testName;
+  const std::string uidMap = "0 " + std::to_string(::getuid()) + " 1\n";
+  const std::string gidMap = "0 " + std::to_string(::getgid()) + " 1\n";
+  const std::string marker = std::string(kChildTestVariable) + "=1";
+  std::vector<char*> arguments = {const_cast<char*>("/proc/self/exe"), const_cast<char*>(filter.c_str()), nullptr};
+  std::vector<char*> environment;
+  for (char** variable = environ; *variable; ++variable) environment.push_back(*variable);
+  for (const std::string& variable : setup.environment) environment.push_back(const_cast<char*>(variable.c_str()));
+  environment.push_back(const_cast<char*>(marker.c_str()));
+  environment.push_back(nullptr);
+  auto writeAll = [](const char* path, const char* text) {
+    const int descriptor = ::open(path, O_WRONLY | O_CLOEXEC);
+    if (descriptor < 0) return false;
+    const auto length = static_cast<ssize_t>(std::strlen(text));
+    const bool written = ::write(descriptor, text, static_cast<std::size_t>(length)) == length;
+    ::close(descriptor);
+    return written;
+  };
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (setup.privateNamespace) {
+      if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ::_exit(kChildCannotSetUp);
+      if (!writeAll("/proc/self/setgroups", "deny") || !writeAll("/proc/self/uid_map", uidMap.c_str()) ||
+          !writeAll("/proc/self/gid_map", gidMap.c_str()))
+        ::_exit(kChildCannotSetUp);
+      if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) ::_exit(kChildCannotSetUp);
+    }
+    if (setup.unprivileged && ::geteuid() == 0) {
+      constexpr uid_t kNobody = 65534;
+      if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)
+        ::_exit(kChildCannotSetUp);
+    }
+    ::execve(arguments[0], arguments.data(), environment.data());
+    ::_exit(kChildCannotSetUp);
+  }
+  if (child < 0) return ChildRun::Unavailable;
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0) {
+  }
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kChildCannotSetUp) return ChildRun::Unavailable;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ChildRun::Passed : ChildRun::Failed;
+}
+
+inline bool inChildTest() { return std::getenv(kChildTestVariable) != nullptr; }
+
+}  // namespace fennick::filetest
+
+#define FENNICK_ONLY_IN_CHILD()                                                      \
+  do {                                                                               \
+    if (!::fennick::filetest::inChildTest())                                         \
+      GTEST_SKIP() << "runs in a child process set up by its outer test";            \
+  } while (0)
+
+#define FENNICK_RUN_IN_CHILD(inner, ...)                                                            \
+  do {                                                                                              \
+    switch (::fennick::filetest::runTestInChild(inner, ::fennick::filetest::ChildSetup __VA_ARGS__)) { \
+      case ::fennick::filetest::ChildRun::Passed: break;                                            \
+      case ::fennick::filetest::ChildRun::Failed: FAIL() << inner << " failed in its child process"; \
+      case ::fennick::filetest::ChildRun::Unavailable:                                              \
+        GTEST_SKIP() << "this machine cannot set up the child process " << inner << " needs";       \
+    }                                                                                               \
+  } while (0)
