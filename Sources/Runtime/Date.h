@@ -34,7 +34,7 @@ class Date : public Object {
   // defaults: the locale's calendar, TZ or /etc/localtime), and conversions
   // (DateCalendar.cpp).
   /// seconds + nanoseconds / 1e9 after 1970.
-  static Ref<Date> dateWithTimeSpec(const timespec& spec);
+  static Ref<Date> dateWithTimeSpec(const timespec& wallClock);
   /// The date as a wall-clock dispatch time (whole nanoseconds, truncated).
   dispatch::Time dispatchTime() const;
   /// Whole calendar days from the receiver to `other` (negative when `other`

@@ -40,18 +40,18 @@ std::optional<std::int32_t> localDay(UDate when) { return calendarField(when, UC
 
 }  // namespace
 
-Ref<Date> Date::dateWithTimeSpec(const timespec& spec) {
-  return dateWithTimeIntervalSince1970(static_cast<double>(spec.tv_sec) + static_cast<double>(spec.tv_nsec) / 1e9);
+Ref<Date> Date::dateWithTimeSpec(const timespec& wallClock) {
+  return dateWithTimeIntervalSince1970(static_cast<double>(wallClock.tv_sec) + static_cast<double>(wallClock.tv_nsec) / 1e9);
 }
 
 dispatch::Time Date::dispatchTime() const {
   // Whole seconds as unixtime() truncates them (which also keeps dates past
   // the int64 range representable); the fraction keeps the seconds' sign.
-  timespec spec{};
-  spec.tv_sec = static_cast<time_t>(unixtime());
-  const double fraction = seconds_ - static_cast<double>(spec.tv_sec);
-  if (std::fabs(fraction) < 1) spec.tv_nsec = static_cast<long>(fraction * 1e9);
-  return dispatch::walltime(&spec, 0);
+  timespec wallClock{};
+  wallClock.tv_sec = static_cast<time_t>(unixtime());
+  const double fraction = seconds_ - static_cast<double>(wallClock.tv_sec);
+  if (std::fabs(fraction) < 1) wallClock.tv_nsec = static_cast<long>(fraction * 1e9);
+  return dispatch::walltime(&wallClock, 0);
 }
 
 std::int64_t Date::daysBeforeDate_fullDaysOnly(const Ref<Date>& other, bool fullDaysOnly) const {
