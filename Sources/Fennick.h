@@ -8,6 +8,7 @@
 #include "fennick/Runtime/Bindings.h"
 #include "fennick/Runtime/BlockObject.h"
 #include "fennick/Runtime/Boxing.h"
+#include "fennick/Runtime/Bundle.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
 #include "fennick/Runtime/Data.h"
