@@ -32,11 +32,14 @@
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
 
+#include "fennick/Platform/SecretService.h"
+
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
 #include "fennick/Helpers/OVBaseRouter.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVCancellationGroup.h"
+#include "fennick/Helpers/OVKeychainStorage.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Helpers/OVProactor.h"
 #include "fennick/Helpers/OVReceptionist.h"
