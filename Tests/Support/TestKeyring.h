@@ -105,7 +105,8 @@ class TestKeyring {
                              "<allow own=\"*\"/></policy></busconfig>\n";
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    bus_ = spawn({"dbus-daemon", "--nofork", "--print-address", "--config-file=" + config.string()}, -1, output[1]);
+    bus_ = spawn({"dbus-daemon", "--nofork", "--print-address", "--config-file=" + config.string()}, -1, output[1],
+                 root_ / "bus.log");
     close(output[1]);
     std::string address;
     char c;
