@@ -45,6 +45,9 @@ class String : public Object {
   /// The first UTF-16 unit replaced by its capitalised (title-case) form, the
   /// rest unchanged; an empty string stays as it is.
   Ref<String> stringWithCapitalizedFirstLetter() const;
+  /// -1, 0 or 1 as this version string is lower than, the same as or higher
+  /// than `other`, by the framework's one version order (VersionOrder.h).
+  int compareVersion(std::string_view other) const;
 
   // Identifiers, digests, trimming and URL escaping (StringExtensions.cpp).
   /// "com.pellora.DesktopClient", the base of the application's identifiers.

@@ -1,96 +1,101 @@
-// fennick hash and fennick encode, checked against coreutils.
+#include "Runtime/BundleTestSupport.h"
+#include "Tools/ToolRunner.h"
+
+#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/String.h"
+
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
-#include "ToolRunner.h"
-
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <random>
-
-using fennick::tooltest::runTool;
-
+namespace fennick {
 namespace {
 
-std::string shell(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return out;
-  char buffer[256];
-  for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-  pclose(pipe);
-  return out;
+using tooltest::runTool;
+
+TEST(VersionCommand, ComparesAndSorts) {
+  EXPECT_EQ(runTool({"version", "compare", "1.0b1", "1.0"}).out, "-1\n");
+  EXPECT_EQ(runTool({"version", "compare", "1.10", "1.9"}).out, "1\n");
+  EXPECT_EQ(runTool({"version", "compare", "1.0", "1"}).out, "0\n");
+  auto sorted = runTool({"version", "sort"}, "2.*\n1.10\n1.0b2\n1.9\n1.0\n1\n");
+  EXPECT_EQ(sorted.status, 0);
+  EXPECT_EQ(sorted.out, "1.0b2\n1.0\n1\n1.9\n1.10\n2.*\n");  // 1.0 and 1 keep their input order
+  EXPECT_EQ(runTool({"version", "sort", "--reverse"}, "1.9\n1.10\n").out, "1.10\n1.9\n");
+
+  auto wrong = runTool({"version", "compare", "1.0"});
+  EXPECT_EQ(wrong.status, 2);
+  EXPECT_NE(wrong.err.find("usage: fennick version"), std::string::npos);
+  EXPECT_EQ(runTool({"version", "bump"}).status, 2);
 }
 
-class ToolDataCommands : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char folder[] = "/tmp/fennick-hash-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    folder_ = folder;
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
+TEST(JSONCommand, PrintsTheValueOrTheReadersError) {
+  testing::TemporaryDirectory dir;
+  const std::string file = dir.file("config.json");
+  testing::writeFile(file, R"({"server": {"host": "example.org", "ports": [80, 443], "tls": null}})");
+  EXPECT_EQ(runTool({"json", "get", file, "server.host"}).out, "example.org\n");
+  EXPECT_EQ(runTool({"json", "get", file, "server.ports"}).out, "[\n  80,\n  443\n]\n");
+  EXPECT_EQ(runTool({"json", "get", "-", "a"}, R"({"a": 1.5})").out, "1.5\n");
 
-  std::string randomFile(std::size_t size) {
-    std::mt19937 random(static_cast<unsigned>(size));
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(random());
-    const std::string path = (folder_ / ("file-" + std::to_string(size))).string();
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-  }
-
-  std::filesystem::path folder_;
-};
-
-TEST_F(ToolDataCommands, HashPrintsWhatMd5sumAndSha1sumPrintAroundBlockBoundaries) {
-  std::vector<std::string> files;
-  for (std::size_t size : {0, 1, 55, 56, 63, 64, 65, 1000, (1 << 20) + 3}) files.push_back(randomFile(size));
-  std::string list;
-  for (const std::string& file : files) list += " " + file;
-
-  for (const auto& [option, peer] : {std::pair{"--md5", "md5sum"}, std::pair{"--sha1", "sha1sum"}}) {
-    std::vector<std::string> arguments{"hash", option};
-    arguments.insert(arguments.end(), files.begin(), files.end());
-    const auto result = runTool(arguments);
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, shell(std::string(peer) + list));
-  }
-  EXPECT_EQ(runTool({"hash"}, "abc").out, "900150983cd24fb0d6963f7d28e17f72  -\n");
+  auto missing = runTool({"json", "get", file, "server.port"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "fennick json: Missing value for key port\n");
+  EXPECT_EQ(runTool({"json", "get", file, "server.host.name"}).err,
+            "fennick json: Incorrect type of value for key host\n");
+  auto broken = runTool({"json", "get", "-", "a"}, "{\"a\": ");
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_FALSE(broken.err.empty());
+  EXPECT_EQ(runTool({"json", "get", dir.path() + "/none.json", "a"}).status, 1);
 }
 
-TEST_F(ToolDataCommands, HashStreamsAGibibyteAndReportsMissingFiles) {
-  const std::string large = (folder_ / "sparse").string();
-  std::ofstream{large}.close();
-  std::filesystem::resize_file(large, 1ull << 30);  // sparse: no disk space needed
-  const auto result = runTool({"hash", "--sha1", large, (folder_ / "missing").string()});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, shell("sha1sum " + large));
-  EXPECT_NE(result.err.find("missing: No such file or directory"), std::string::npos) << result.err;
-  EXPECT_EQ(runTool({"hash", "--md5", "--sha1"}).status, 1);
+TEST(SQLiteCommand, PrintsRowsAsJSONLinesAndErrorsWithTheirCodes) {
+  testing::TemporaryDirectory dir;
+  const std::string path = dir.file("music.db");
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "CREATE TABLE tracks(title TEXT, seconds INTEGER, cover BLOB);"
+                         "INSERT INTO tracks VALUES ('So What', 562, x'01ff'), ('Freddie \"Freeloader\"', 589, NULL)",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+
+  auto rows = runTool({"sqlite", path, "SELECT * FROM tracks WHERE seconds > ? ORDER BY seconds", "500"});
+  EXPECT_EQ(rows.status, 0) << rows.err;
+  EXPECT_EQ(rows.out,
+            "{\"title\":\"So What\",\"seconds\":562,\"cover\":\"Af8=\"}\n"
+            "{\"title\":\"Freddie \\\"Freeloader\\\"\",\"seconds\":589,\"cover\":null}\n");
+
+  auto readOnly = runTool({"sqlite", path, "DELETE FROM tracks"});
+  EXPECT_EQ(readOnly.status, 1);
+  EXPECT_EQ(readOnly.err, "fennick sqlite: 8 - attempt to write a readonly database\n");
+  EXPECT_EQ(runTool({"sqlite", "--write", path, "DELETE FROM tracks"}).status, 0);
+  EXPECT_EQ(runTool({"sqlite", path, "SELECT count(*) AS n FROM tracks"}).out, "{\"n\":0}\n");
+  EXPECT_EQ(runTool({"sqlite", path, "SELECT * FROM albums"}).err, "fennick sqlite: 1 - no such table: albums\n");
+  EXPECT_EQ(runTool({"sqlite", dir.path() + "/none.db", "SELECT 1"}).err,
+            "fennick sqlite: " + dir.path() + "/none.db: no such file\n");
+  EXPECT_EQ(runTool({"sqlite", path}).status, 2);
 }
 
-TEST_F(ToolDataCommands, EncodeTranscodesStandardInput) {
-  EXPECT_EQ(runTool({"encode", "--to", "base64"}, "hello").out, "aGVsbG8=\n");
-  EXPECT_EQ(runTool({"encode", "--to", "base32"}, "hello").out, "NBSWY3DP\n");
-  EXPECT_EQ(runTool({"encode", "--from", "base64", "--to", "hex"}, "aGVsbG8=\n").out, "68656c6c6f\n");
-  EXPECT_EQ(runTool({"encode", "--from", "base32", "--to", "raw"}, "NBSWY3DP\r\n").out, "hello");
-  const std::string binary("\x00\xff\x10\n", 4);
-  EXPECT_EQ(runTool({"encode", "--from", "hex", "--to", "raw"}, "00ff100a").out, binary);
-}
-
-TEST_F(ToolDataCommands, EncodeRefusesMalformedTextAndBadUsage) {
-  for (const auto& [from, text] : {std::pair{"base64", "aGVsbG8"}, std::pair{"base32", "NBSWY3D="},
-                                   std::pair{"hex", "0aFz"}, std::pair{"hex", "abc"}}) {
-    const auto result = runTool({"encode", "--from", from, "--to", "raw"}, text);
-    EXPECT_EQ(result.status, 1) << from << " " << text;
-    EXPECT_TRUE(result.out.empty());
-    EXPECT_EQ(result.err.rfind("fennick encode: standard input is not", 0), 0u) << result.err;
-  }
-  EXPECT_EQ(runTool({"encode"}, "x").status, 2);
-  EXPECT_EQ(runTool({"encode", "--to", "rot13"}, "x").status, 2);
+TEST(BundleCommand, PrintsNameIdentifierAndVersions) {
+  testing::TemporaryDirectory dir;
+  auto info = Dictionary::dictionaryWithStringKeys({{"CFBundleName", "Desktop Client"_s},
+                                                    {"CFBundleIdentifier", "com.pellora.DesktopClient"_s},
+                                                    {"CFBundleShortVersionString", "3.1"_s}});
+  testing::writeFile(dir.file("Client.app/Contents/Info.plist"),
+                     testing::propertyListBytes(info, PropertyListFormat::XML));
+  auto shown = runTool({"bundle", dir.path() + "/Client.app"});
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_EQ(shown.out,
+            "name:       Desktop Client\n"
+            "identifier: com.pellora.DesktopClient\n"
+            "version:    3.1\n"
+            "build:      (none)\n");
+  auto none = runTool({"bundle", dir.path()});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("not a bundle"), std::string::npos);
+  auto missing = runTool({"bundle", dir.path() + "/Missing.app"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("no such file"), std::string::npos);
 }
 
 }  // namespace
+}  // namespace fennick
