@@ -3,6 +3,7 @@
 #include "fennick/Runtime/Data.h"
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <random>
 
@@ -61,6 +62,15 @@ TEST(DataTranscodingTest, Base64AndBase32MatchTheRFCVectorsBothWays) {
     EXPECT_EQ(asText(text(v.base32)->decodeFromEncodingType(kSecBase32Encoding)), v.raw);
   }
   EXPECT_EQ(asText(bytes({0xFB, 0xFF})->encodeToEncodingType(kSecBase64Encoding)), "+/8=");
+  // Longer inputs take the encoders' wide paths; OpenSSL writes the same text.
+  std::mt19937 random(64);
+  for (std::size_t length = 0; length < 80; ++length) {
+    const auto raw = randomBytes(length, random);
+    std::string expected((length + 2) / 3 * 4 + 1, '\0');
+    expected.resize(static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(expected.data()),
+                                                             raw.data(), static_cast<int>(length))));
+    EXPECT_EQ(asText(Data::dataWithBytes(raw)->encodeToEncodingType(kSecBase64Encoding)), expected);
+  }
   EXPECT_EQ(text("abc")->encodeToEncodingType("zlib"), nullptr);
   EXPECT_EQ(text("YWJj")->decodeFromEncodingType("zlib"), nullptr);
 }
