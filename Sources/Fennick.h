@@ -12,7 +12,9 @@
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
 #include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/DataCoding.h"
 #include "fennick/Runtime/Date.h"
+#include "fennick/Runtime/Digest.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
 #include "fennick/Runtime/Exception.h"
@@ -36,6 +38,7 @@
 
 #include "fennick/Platform/DirectorySizeWalker.h"
 #include "fennick/Platform/VnodeEventSource.h"
+#include "fennick/Platform/SecretService.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
@@ -49,6 +52,7 @@
 #include "fennick/Helpers/OVFileMonitor.h"
 #include "fennick/Helpers/OVFileMonitoringManager.h"
 #include "fennick/Helpers/OVJSONParser.h"
+#include "fennick/Helpers/OVKeychainStorage.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Helpers/OVPersistentStoreDestruction.h"
 #include "fennick/Helpers/OVPropertyReflection.h"

@@ -1,5 +1,6 @@
 #pragma once
 // Immutable bytes.
+#include "fennick/Runtime/DataCoding.h"
 #include "fennick/Runtime/Object.h"
 
 #include <cstdint>
@@ -25,6 +26,23 @@ class Data : public Object {
   std::string_view stringView() const noexcept {
     return {reinterpret_cast<const char*>(bytes_.data()), bytes_.size()};
   }
+
+  // Digests and transcodings (DataTranscoding.cpp; the codecs are in DataCoding.h).
+  /// The MD5 or SHA-1 digest of the bytes; nil for other kinds.
+  Ref<Data> calculateHashOfKind(OVHashKind kind) const;
+  /// Base64 or Base32 text (kSecBase64Encoding, kSecBase32Encoding), no line
+  /// breaks; nil for other types.
+  Ref<Data> encodeToEncodingType(std::string_view type) const;
+  /// The bytes of canonical Base64 or Base32 text; nil for malformed text or
+  /// other types.
+  Ref<Data> decodeFromEncodingType(std::string_view type) const;
+  /// Two lower-case hexadecimal digits per byte.
+  Ref<Data> encodeToHex() const;
+  /// Half the length, by the lenient pair rule of coding::hexDecode.
+  Ref<Data> decodeFromHex() const;
+  /// Decoded from `from` to raw bytes, then encoded to `to`; nil when either
+  /// encoding is unknown (above 3) or the receiver does not decode.
+  Ref<Data> transformFromEncoding_toEncoding(OVDataEncoding from, OVDataEncoding to) const;
 
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;

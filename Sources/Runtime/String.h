@@ -1,6 +1,7 @@
 #pragma once
 // Immutable text, stored as UTF-8. Operations that the platform defines on
 // UTF-16 units (length, the capitalised first letter) convert as they go.
+#include "fennick/Runtime/DataCoding.h"
 #include "fennick/Runtime/Object.h"
 
 #include <fmt/format.h>
@@ -9,6 +10,8 @@
 #include <string_view>
 
 namespace fennick {
+
+class Dictionary;
 
 class String : public Object {
   FENNICK_DECLARE_CLASS(String, Object)
@@ -45,6 +48,27 @@ class String : public Object {
   /// -1, 0 or 1 as this version string is lower than, the same as or higher
   /// than `other`, by the framework's one version order (VersionOrder.h).
   int compareVersion(std::string_view other) const;
+
+  // Identifiers, digests, trimming and URL escaping (StringExtensions.cpp).
+  /// "com.pellora.DesktopClient", the base of the application's identifiers.
+  static Ref<String> baseBundleIdentifier();
+  /// The receiver, ".", and the suffix: base->identifier("updates").
+  Ref<String> identifier(std::string_view suffix) const;
+  /// The MD5 (32) or SHA-1 (40) digest of the UTF-8 bytes in lower-case hex;
+  /// nil for other kinds.
+  Ref<String> hashString(OVHashKind kind) const;
+  /// Without white space and line breaks (Unicode Z*, U+0009 to U+000D,
+  /// U+0085) at either end.
+  Ref<String> stringByTrimmingWhitespaces() const;
+  /// The legacy URL escaping (see URLParamsStringWithDictionary), then every
+  /// "&" as "%26"; nil when the text is not valid UTF-8.
+  Ref<String> URLEncodedString() const;
+  /// "key=value&key=value" in the dictionary's order, keys and values (their
+  /// descriptions) through the legacy escaping only: characters that may not
+  /// appear anywhere in a URL are escaped as UTF-8 "%XX", reserved ones such
+  /// as "/?:@&=+$,;#" are kept, so an "&" or "=" inside a key or value stays
+  /// as it is.
+  static Ref<String> URLParamsStringWithDictionary(const Ref<Dictionary>& parameters);
 
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override { return hash_; }
