@@ -37,8 +37,8 @@
 #include "fennick/Runtime/VersionOrder.h"
 
 #include "fennick/Platform/DirectorySizeWalker.h"
-#include "fennick/Platform/VnodeEventSource.h"
 #include "fennick/Platform/SecretService.h"
+#include "fennick/Platform/VnodeEventSource.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
