@@ -41,5 +41,7 @@
 #include "fennick/Helpers/OVProactor.h"
 #include "fennick/Helpers/OVReceptionist.h"
 #include "fennick/Helpers/OVSafeRunner.h"
+#include "fennick/Helpers/Process+OVRunExtensions.h"
 #include "fennick/Helpers/OVStateMachine.h"
+#include "fennick/Helpers/OVUnarchiver.h"
 #include "fennick/Helpers/OVValueOrError.h"
