@@ -32,6 +32,8 @@
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
 
+#include "fennick/Platform/SystemFacts.h"
+
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
 #include "fennick/Helpers/OVBaseRouter.h"
@@ -43,5 +45,6 @@
 #include "fennick/Helpers/OVSafeRunner.h"
 #include "fennick/Helpers/Process+OVRunExtensions.h"
 #include "fennick/Helpers/OVStateMachine.h"
+#include "fennick/Helpers/OVSystemInfo.h"
 #include "fennick/Helpers/OVUnarchiver.h"
 #include "fennick/Helpers/OVValueOrError.h"
