@@ -32,6 +32,7 @@
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
 
+#include "fennick/Platform/RouteReachability.h"
 #include "fennick/Platform/SystemFacts.h"
 
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
@@ -41,6 +42,7 @@
 #include "fennick/Helpers/OVCancellationGroup.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Helpers/OVProactor.h"
+#include "fennick/Helpers/OVReachability.h"
 #include "fennick/Helpers/OVReceptionist.h"
 #include "fennick/Helpers/OVSafeRunner.h"
 #include "fennick/Helpers/Process+OVRunExtensions.h"
