@@ -7,11 +7,11 @@
 
 #include "fennick/Dispatch/Internal/MpscQueue.h"
 #include "fennick/Dispatch/Internal/WorkItem.h"
-#include "fennick/Dispatch/Queue.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
 
 namespace fennick::dispatch::internal {
 
-class MainLoop final : public Queue {
+class MainLoop final : public QueueCore {
  public:
   MainLoop();
 
@@ -24,7 +24,7 @@ class MainLoop final : public Queue {
   /// Main thread: sleeps until an item arrives or `timeout` passes.
   void waitForWork(std::chrono::nanoseconds timeout) noexcept;
 
- protected:
+ public:
   void enqueue(WorkItem* item, bool wake) override;
 
  private:
