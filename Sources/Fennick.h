@@ -71,4 +71,5 @@
 #include "fennick/Helpers/OVValueOrError.h"
 #include "fennick/Helpers/OVVersionComparator.h"
 #include "fennick/Helpers/Process+OVRunExtensions.h"
+#include "fennick/Helpers/RunningApplication.h"
 #include "fennick/Helpers/Workspace+OVExtensions.h"
