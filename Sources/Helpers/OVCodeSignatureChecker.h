@@ -1,0 +1,56 @@
+#pragma once
+// Checks another application's "signature" and sandboxing, with the meanings
+// Linux can give them:
+// - valid: every regular file at the URL (the file itself, or each file under
+//   a folder) belongs to an installed Debian package and its MD5 digest
+//   matches the one the package recorded (dpkg's info/*.md5sums);
+// - sandboxed: the application lives in or is packaged for a sandbox: under a
+//   Flatpak installation (…/flatpak/app/…, or /app inside one), under /snap,
+//   or a folder carrying Flatpak "metadata" or a Snap "meta/snap.yaml".
+// The only requirement text understood is the sandbox one
+// (`entitlement["com.apple.security.app-sandbox"] exists`); any other is
+// refused. Failures come as false or nil with an error record in
+// NSOSStatusErrorDomain whose description says why; the codes are the
+// platform's code-signing statuses named below.
+//
+// Every operation reads the package database afresh and may be called from
+// any thread. `packageDatabase` is the dpkg administrative folder.
+#include "fennick/Runtime/Object.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace fennick {
+
+class Dictionary;
+class Error;
+class URL;
+
+inline constexpr const char* OVSandboxRequirement = "entitlement[\"com.apple.security.app-sandbox\"] exists";
+
+enum OVCodeSignatureStatus : std::int64_t {
+  OVCodeSignatureStatusNotFound = -67068,        // nothing at the URL
+  OVCodeSignatureStatusUnsigned = -67062,        // not from an installed package
+  OVCodeSignatureStatusSignatureFailed = -67061, // a digest does not match
+  OVCodeSignatureStatusRequirementFailed = -67050,
+  OVCodeSignatureStatusRequirementInvalid = -67052,
+};
+
+class OVCodeSignatureChecker {
+ public:
+  OVCodeSignatureChecker() = delete;
+
+  static bool isApplicationSandboxedAtURL(const Ref<URL>& url);
+  static bool codeSignatureIsValidAtURL(const Ref<URL>& url);
+  /// An empty requirement checks validity only.
+  static bool codeSignatureAtURL_satisfiesCodeRequirements_error(const Ref<URL>& url, std::string_view requirement,
+                                                                 Ref<Error>* error,
+                                                                 const std::string& packageDatabase = "/var/lib/dpkg");
+  /// {"package", "version", "checksum"} of the package that installed the
+  /// file at the URL; nil when it is not a valid packaged file.
+  static Ref<Dictionary> codeSignatureInfoAtURL(const Ref<URL>& url,
+                                                const std::string& packageDatabase = "/var/lib/dpkg");
+};
+
+}  // namespace fennick

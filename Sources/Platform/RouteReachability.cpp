@@ -1,0 +1,241 @@
+#include "fennick/Platform/RouteReachability.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace fennick::platform {
+
+namespace {
+
+// Closes a descriptor on every path.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+struct Route {
+  unsigned char type = RTN_UNSPEC;
+  unsigned flags = 0;
+  int outputInterface = 0;
+  bool hasGateway = false;
+};
+
+// Whether the interface is up with its carrier; nullopt when it is gone.
+std::optional<bool> interfaceIsRunning(int index) {
+  ifreq request{};
+  if (!if_indextoname(static_cast<unsigned>(index), request.ifr_name)) return std::nullopt;
+  Descriptor probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (probe.get() < 0 || ::ioctl(probe.get(), SIOCGIFFLAGS, &request) != 0) return std::nullopt;
+  const int flags = request.ifr_flags;
+  return (flags & IFF_UP) && (flags & (IFF_RUNNING | IFF_LOOPBACK));
+}
+
+Route parseRoute(const nlmsghdr* header) {
+  const auto* message = static_cast<const rtmsg*>(NLMSG_DATA(header));
+  Route route;
+  route.type = message->rtm_type;
+  route.flags = message->rtm_flags;
+  int length = static_cast<int>(RTM_PAYLOAD(header));
+  for (const rtattr* attribute = RTM_RTA(message); RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
+    if (attribute->rta_type == RTA_OIF) std::memcpy(&route.outputInterface, RTA_DATA(attribute), sizeof(int));
+    if (attribute->rta_type == RTA_GATEWAY) route.hasGateway = true;
+    if (attribute->rta_type == RTA_MULTIPATH) route.hasGateway = true;  // several next hops: via gateways
+  }
+  return route;
+}
+
+std::uint32_t flagsForRoute(const Route& route) {
+  if (route.type == RTN_LOCAL) return kReachable | kIsLocalAddress | kIsDirect;
+  if (route.type != RTN_UNICAST || route.outputInterface == 0) return 0;
+  const auto running = interfaceIsRunning(route.outputInterface);
+  if (!running) return 0;
+  std::uint32_t flags = route.hasGateway ? 0 : kIsDirect;
+  if (*running && !(route.flags & RTNH_F_LINKDOWN)) return flags | kReachable;
+  return flags | kConnectionRequired;
+}
+
+// Sends one request and calls `visit` with each answer until the kernel is
+// done; false when the socket fails or the kernel answers with an error.
+template <class Visit>
+bool exchange(nlmsghdr* request, Visit visit) {
+  Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  if (socket.get() < 0) return false;
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  if (::sendto(socket.get(), request, request->nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0)
+    return false;
+  alignas(nlmsghdr) char buffer[16384];
+  for (;;) {
+    const ssize_t received = ::recv(socket.get(), buffer, sizeof buffer, 0);
+    if (received < 0 && errno == EINTR) continue;
+    if (received <= 0) return false;
+    auto length = static_cast<unsigned>(received);
+    for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
+      if (header->nlmsg_type == NLMSG_DONE) return true;
+      if (header->nlmsg_type == NLMSG_ERROR) return static_cast<const nlmsgerr*>(NLMSG_DATA(header))->error == 0;
+      visit(header);
+      if (!(header->nlmsg_flags & NLM_F_MULTI)) return true;
+    }
+  }
+}
+
+struct RouteRequest {
+  nlmsghdr header;
+  rtmsg message;
+  char attributes[64];
+};
+
+}  // namespace
+
+std::uint32_t flagsForAddress(const sockaddr* address) {
+  RouteRequest request{};
+  request.header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
+  request.header.nlmsg_type = RTM_GETROUTE;
+  request.header.nlmsg_flags = NLM_F_REQUEST;
+  request.message.rtm_family = static_cast<unsigned char>(address->sa_family);
+  const void* bytes = nullptr;
+  unsigned short size = 0;
+  if (address->sa_family == AF_INET) {
+    bytes = &reinterpret_cast<const sockaddr_in*>(address)->sin_addr;
+    size = 4;
+  } else if (address->sa_family == AF_INET6) {
+    bytes = &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+    size = 16;
+  } else {
+    return 0;
+  }
+  request.message.rtm_dst_len = static_cast<unsigned char>(size * 8);
+  auto* attribute = reinterpret_cast<rtattr*>(reinterpret_cast<char*>(&request) + NLMSG_ALIGN(request.header.nlmsg_len));
+  attribute->rta_type = RTA_DST;
+  attribute->rta_len = static_cast<unsigned short>(RTA_LENGTH(size));
+  std::memcpy(RTA_DATA(attribute), bytes, size);
+  request.header.nlmsg_len = NLMSG_ALIGN(request.header.nlmsg_len) + RTA_ALIGN(attribute->rta_len);
+
+  std::uint32_t flags = 0;
+  exchange(&request.header, [&](const nlmsghdr* header) {
+    if (header->nlmsg_type == RTM_NEWROUTE) flags = flagsForRoute(parseRoute(header));
+  });
+  return flags;
+}
+
+std::uint32_t flagsForDefaultRoute() {
+  std::uint32_t best = 0;
+  for (unsigned char family : {AF_INET, AF_INET6}) {
+    RouteRequest request{};
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
+    request.header.nlmsg_type = RTM_GETROUTE;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.message.rtm_family = family;
+    exchange(&request.header, [&](const nlmsghdr* header) {
+      const auto* message = static_cast<const rtmsg*>(NLMSG_DATA(header));
+      if (header->nlmsg_type != RTM_NEWROUTE || message->rtm_dst_len != 0 || message->rtm_table != RT_TABLE_MAIN) return;
+      const auto flags = flagsForRoute(parseRoute(header));
+      // A reachable route wins over one that needs its link brought up.
+      if ((flags & kReachable) || !(best & kReachable)) best = std::max(best, flags);
+    });
+    if (best & kReachable) break;
+  }
+  return best;
+}
+
+std::shared_ptr<ReachabilityTarget> ReachabilityTarget::withAddress(const sockaddr* address) {
+  if (!address || (address->sa_family != AF_INET && address->sa_family != AF_INET6)) return nullptr;
+  auto target = std::make_shared<ReachabilityTarget>();
+  sockaddr_storage storage{};
+  std::memcpy(&storage, address, address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+  target->addresses_.push_back(storage);
+  return target;
+}
+
+std::shared_ptr<ReachabilityTarget> ReachabilityTarget::withHostName(std::string_view name) {
+  const bool usable = !name.empty() && name.size() <= 253 && std::all_of(name.begin(), name.end(), [](unsigned char c) {
+                        return c > ' ' && c < 0x7f && c != '/' && c != '\\';
+                      });
+  if (!usable) return nullptr;
+  auto target = std::make_shared<ReachabilityTarget>();
+  target->hostName_ = std::string(name);
+  return target;
+}
+
+bool ReachabilityTarget::resolve() {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* results = nullptr;
+  if (::getaddrinfo(hostName_.c_str(), nullptr, &hints, &results) != 0) return false;
+  std::vector<sockaddr_storage> addresses;
+  for (const addrinfo* item = results; item; item = item->ai_next) {
+    sockaddr_storage storage{};
+    std::memcpy(&storage, item->ai_addr, std::min<std::size_t>(item->ai_addrlen, sizeof storage));
+    addresses.push_back(storage);
+  }
+  ::freeaddrinfo(results);
+  std::lock_guard lock(mutex_);
+  addresses_ = std::move(addresses);
+  return true;
+}
+
+std::uint32_t ReachabilityTarget::flags() const {
+  std::vector<sockaddr_storage> addresses;
+  {
+    std::lock_guard lock(mutex_);
+    addresses = addresses_;
+  }
+  std::uint32_t best = 0;
+  for (const auto& storage : addresses) {
+    const auto* address = reinterpret_cast<const sockaddr*>(&storage);
+    const bool anyIPv4 = address->sa_family == AF_INET &&
+                         reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr == htonl(INADDR_ANY);
+    const std::uint32_t flags = anyIPv4 && !isHostName() ? flagsForDefaultRoute() : flagsForAddress(address);
+    if (flags & kReachable) return flags;
+    best |= flags;
+  }
+  return best;
+}
+
+int openRouteChangeSocket() {
+  const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+  if (fd < 0) return -1;
+  sockaddr_nl local{};
+  local.nl_family = AF_NETLINK;
+  local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool drainRouteChanges(int socket) {
+  bool changed = false;
+  alignas(nlmsghdr) char buffer[16384];
+  for (;;) {
+    const ssize_t received = ::recv(socket, buffer, sizeof buffer, 0);
+    if (received < 0 && errno == EINTR) continue;
+    // ENOBUFS: the kernel dropped messages; something changed all the same.
+    if (received < 0) return changed || errno == ENOBUFS;
+    if (received == 0) return changed;
+    auto length = static_cast<unsigned>(received);
+    for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length); header = NLMSG_NEXT(header, length))
+      if (header->nlmsg_type >= RTM_NEWLINK && header->nlmsg_type <= RTM_DELROUTE) changed = true;
+  }
+}
+
+}  // namespace fennick::platform
