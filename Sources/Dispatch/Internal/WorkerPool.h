@@ -12,8 +12,10 @@
 // Waking is frugal: a producer wakes a parked worker only when no worker is
 // already searching for work and fewer than the core count are running; a
 // worker that finds work while it was the last searcher passes the search on.
-// The waker claims the sleeper (idle_ down, a token up), so a burst of
-// submissions costs one wake-up, not one per item.
+// The waker first takes a place among the running workers, then claims a
+// sleeper (idle_ down, a token up) or starts a thread, so a burst of
+// submissions costs one wake-up, not one per item, and racing producers never
+// start more workers than there are cores.
 #include <sys/types.h>
 
 #include <atomic>
@@ -74,6 +76,11 @@ class WorkerPool {
   int threadCount() const noexcept { return threads_.load(std::memory_order_relaxed); }
   /// The most workers that run at once when none blocks.
   int maxRunning() const noexcept { return maxRunning_; }
+  /// How many times the monitor has taken a worker for blocked, for tests and
+  /// diagnostics: each time may have started a thread beyond maxRunning().
+  std::uint64_t presumedBlockedCount() const noexcept {
+    return presumedTotal_.load(std::memory_order_relaxed);
+  }
 
  private:
   friend class PoolMonitor;
@@ -93,7 +100,10 @@ class WorkerPool {
   };
 
   void notifyWork() noexcept;
-  void spawnWorker() noexcept;
+  /// Counts one more running worker unless as many run as there are cores.
+  bool reserveRunning() noexcept;
+  /// Starts a worker already counted as running and searching.
+  bool spawnWorker() noexcept;
   void workerMain() noexcept;
   WorkItem* tryPop(int& index) noexcept;
   WorkItem* search(int& index) noexcept;
@@ -110,6 +120,7 @@ class WorkerPool {
   Root roots_[kClassCount];
   WorkerRecord records_[kMaxThreads];
   std::atomic<int> presumed_[kClassCount] = {};
+  std::atomic<std::uint64_t> presumedTotal_{0};
   PoolMonitor* monitor_;
   const int maxRunning_;
   alignas(64) std::atomic<int> running_{0};    // workers neither parked nor blocked
