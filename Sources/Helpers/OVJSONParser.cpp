@@ -86,7 +86,8 @@ Ref<Error> OVJSONParser::createIncorrectTypeErrorForKey(std::string_view key) co
 }
 
 Id OVJSONParser::validatedValue_forKey_isKindOfClass(const Id& value, std::string_view key, const Class* cls) {
-  if (lastError_.load()) return nullptr;  // the first failure is sticky
+  // The first failure is sticky.
+  if (hasError_.load(std::memory_order_acquire) && lastError_.load()) return nullptr;
   if (!value) {
     setLastError(createMissingValueErrorForKey(key));
     return nullptr;

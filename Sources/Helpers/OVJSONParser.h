@@ -57,7 +57,11 @@ class OVJSONParser : public Object {
 
   Ref<Error> lastError() const { return lastError_.load(); }
   /// The reader never clears its error; a caller may (nil).
-  void setLastError(Ref<Error> error) { lastError_.store(std::move(error)); }
+  void setLastError(Ref<Error> error) {
+    const bool failed = error != nullptr;
+    lastError_.store(std::move(error));
+    hasError_.store(failed, std::memory_order_release);
+  }
   Ref<Dictionary> jsonDict() const { return jsonDict_.load(); }
   void setJsonDict(Ref<Dictionary> json) { jsonDict_.store(std::move(json)); }
 
@@ -114,6 +118,9 @@ class OVJSONParser : public Object {
   Ref<T> requiredAtPath(std::string_view keyPath);
 
   std::atomic<Ref<Error>> lastError_;
+  // Mirrors whether lastError_ is set: every step of every read checks for a
+  // sticky error, and loading the shared pointer itself takes a lock.
+  std::atomic<bool> hasError_{false};
   std::atomic<Ref<Dictionary>> jsonDict_;
 };
 
