@@ -21,6 +21,7 @@
 #include "fennick/Runtime/FileHandle.h"
 #include "fennick/Runtime/JSON.h"
 #include "fennick/Runtime/KeyedArchiver.h"
+#include "fennick/Runtime/KeyValueObservation.h"
 #include "fennick/Runtime/KeyedUnarchiver.h"
 #include "fennick/Runtime/Log.h"
 #include "fennick/Runtime/Null.h"

@@ -55,7 +55,7 @@ Ref<Dictionary> Array::groupBy(const KeyMaker& keyMaker) const {
   auto groups = Dictionary::dictionary();
   enumerateObjectsUsingBlock([&](const Id& object, std::size_t index, bool&) {
     const Id key = keyMaker(object, index);
-    requireNonNil(key, "-[NSArray(Extensions) groupBy:]", "key");
+    requireNonNil(key, "Array::groupBy", "key");
     auto group = std::static_pointer_cast<Array>(groups->objectForKey(key));
     if (!group) {
       group = array();
@@ -122,7 +122,7 @@ Ref<Array> Array::takeObjectsAtIndexes(const std::vector<std::size_t>& indexes) 
   std::sort(sorted.begin(), sorted.end());
   sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
   if (!sorted.empty() && sorted.back() >= objects_.size())
-    throwIndexOutOfRange("-[NSArray objectsAtIndexes:]", sorted.back());
+    throwIndexOutOfRange("Array::takeObjectsAtIndexes", sorted.back());
   auto taken = arrayWithCapacity(sorted.size());
   for (std::size_t index : sorted) taken->objects_.push_back(objects_[index]);
   if (sorted.empty()) return taken;

@@ -25,7 +25,7 @@ void checkCountChange(std::size_t before, std::size_t after, std::size_t expecte
                       const char* operation, const Id& key) {
   if (after == expected) return;
   throw Exception(NSInternalInconsistencyException,
-                  fmt::format("-[NSMutableDictionary(Extensions) {}]: count went from {} to {} "
+                  fmt::format("Dictionary::{}: count went from {} to {} "
                               "for key {}",
                               operation, before, after, key ? key->description() : "(nil)"));
 }
@@ -69,7 +69,7 @@ void Dictionary::addObject_forKey(const Id& object, const Id& key) {
 #if FENNICK_DICTIONARY_CHECKS
   const std::size_t before = count();
   setObject_forKey(object, key);
-  checkCountChange(before, count(), before + 1, "addObject:forKey:", key);
+  checkCountChange(before, count(), before + 1, "addObject_forKey", key);
 #else
   setObject_forKey(object, key);
 #endif
@@ -79,7 +79,7 @@ void Dictionary::removeObjectOrDieForKey(const Id& key) {
 #if FENNICK_DICTIONARY_CHECKS
   const std::size_t before = count();
   removeObjectForKey(key);
-  checkCountChange(before, count(), before - 1, "removeObjectOrDieForKey:", key);
+  checkCountChange(before, count(), before - 1, "removeObjectOrDieForKey", key);
 #else
   removeObjectForKey(key);
 #endif

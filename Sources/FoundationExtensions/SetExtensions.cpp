@@ -68,7 +68,7 @@ Ref<Dictionary> Set::groupBy(const KeyMaker& keyMaker) const {
   auto groups = Dictionary::dictionary();
   enumerateObjectsUsingBlock([&](const Id& object, bool&) {
     const Id key = keyMaker(object);
-    requireNonNil(key, "-[NSSet(Extensions) groupBy:]", "key");
+    requireNonNil(key, "Set::groupBy", "key");
     auto group = std::static_pointer_cast<Set>(groups->objectForKey(key));
     if (!group) {
       group = set();
@@ -125,7 +125,7 @@ bool Set::safeAddObject(const Id& object) {
 }
 
 void Set::addOrReplaceObject(const Id& object) {
-  requireNonNil(object, "-[NSMutableSet(Extensions) addOrReplaceObject:]");
+  requireNonNil(object, "Set::addOrReplaceObject");
   if (const Id present = member(object)) removeObject(present);
   addObject(object);
 }

@@ -9,15 +9,15 @@ FENNICK_DEFINE_CLASS(OVCancellation) { builder.property("isCancelled", &OVCancel
 
 FENNICK_DEFINE_CLASS(OVCancellationToken) {}
 
-void detail::runCancellationHandlers(std::vector<std::function<void()>> handlers) {
+void detail::runCancellationHandlers(std::vector<dispatch::Block> handlers) {
   if (handlers.empty()) return;
-  dispatch::global(QOS_CLASS_UTILITY)->async([handlers = std::move(handlers)] {
-    for (const auto& handler : handlers) handler();
+  dispatch::global(QOS_CLASS_UTILITY)->async([handlers = std::move(handlers)]() mutable {
+    for (auto& handler : handlers) handler();
   });
 }
 
-void detail::addOrRunCancellationHandler(bool cancelled, std::vector<std::function<void()>>& handlers,
-                                         std::function<void()> handler) {
+void detail::addOrRunCancellationHandler(bool cancelled, std::vector<dispatch::Block>& handlers,
+                                         dispatch::Block handler) {
   if (!cancelled) handlers.push_back(std::move(handler));
   else dispatch::global(QOS_CLASS_UTILITY)->async(std::move(handler));
 }
@@ -31,7 +31,7 @@ void OVCancellationToken::performBlock(const std::function<void()>& block) {
   internalQueue_->sync([&] { block(); });
 }
 
-void OVCancellationToken::addCancellationHandler(std::function<void()> handler) {
+void OVCancellationToken::addCancellationHandler(dispatch::Block handler) {
   if (!handler) return;
   performBlock([&] { detail::addOrRunCancellationHandler(isCancelled(), cancellationHandlers_, std::move(handler)); });
 }

@@ -7,6 +7,7 @@
 // observable through key-value observation (a group watches its children's).
 // Handlers never run inside the call that adds them or cancels: they run on
 // the global utility queue, so they may call back into the token.
+#include "fennick/Dispatch/Block.h"
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Runtime/Object.h"
 
@@ -25,9 +26,10 @@ class OVCancellation : public Object {
   /// Cancels; later calls do nothing. Returns once the handlers are handed to
   /// the utility queue, not after they ran.
   virtual void cancel() = 0;
-  /// Adds a handler (a copy is kept) to run after cancellation; when already
-  /// cancelled, the handler is submitted at once to the utility queue, alone.
-  virtual void addCancellationHandler(std::function<void()> handler) = 0;
+  /// Adds a handler to run after cancellation; it is moved in, so move-only
+  /// callables work. When already cancelled, the handler is submitted at once
+  /// to the utility queue, alone.
+  virtual void addCancellationHandler(dispatch::Block handler) = 0;
 
  protected:
   OVCancellation() = default;
@@ -43,7 +45,7 @@ class OVCancellationToken : public OVCancellation {
   /// Handlers added before the cancel run together, in order of addition, one
   /// after another, on the global utility queue.
   void cancel() override;
-  void addCancellationHandler(std::function<void()> handler) override;
+  void addCancellationHandler(dispatch::Block handler) override;
   /// Runs the block synchronously on the token's queue. It must not call the
   /// token's cancel or addCancellationHandler (they wait for that queue).
   void performBlock(const std::function<void()>& block);
@@ -56,17 +58,17 @@ class OVCancellationToken : public OVCancellation {
   void cancelOnQueue();
 
   std::atomic<bool> cancelled_{false};
-  std::vector<std::function<void()>> cancellationHandlers_;
+  std::vector<dispatch::Block> cancellationHandlers_;
   const Ref<dispatch::Queue> internalQueue_;
 };
 
 namespace detail {
 /// Submits the handlers, in order, as one block to the global utility queue.
-void runCancellationHandlers(std::vector<std::function<void()>> handlers);
+void runCancellationHandlers(std::vector<dispatch::Block> handlers);
 /// Keeps the handler for a later cancel, or, when already cancelled, submits
 /// it alone to the global utility queue.
-void addOrRunCancellationHandler(bool cancelled, std::vector<std::function<void()>>& handlers,
-                                 std::function<void()> handler);
+void addOrRunCancellationHandler(bool cancelled, std::vector<dispatch::Block>& handlers,
+                                 dispatch::Block handler);
 }  // namespace detail
 
 }  // namespace fennick

@@ -50,7 +50,7 @@ void OVCancellationGroup::performBlock(const std::function<void()>& block) {
   }
 }
 
-void OVCancellationGroup::addCancellationHandler(std::function<void()> handler) {
+void OVCancellationGroup::addCancellationHandler(dispatch::Block handler) {
   if (!handler) return;
   performBlock([&] { detail::addOrRunCancellationHandler(isCancelled(), cancellationHandlers_, std::move(handler)); });
 }
@@ -114,7 +114,7 @@ void OVCancellationGroup::cancel() {
     cancelled_.notify_all();
   });
   std::vector<Id> children;
-  std::vector<std::function<void()>> handlers;
+  std::vector<dispatch::Block> handlers;
   {
     // Children added from now on see the group cancelled and cancel
     // themselves; those added before are in the set.

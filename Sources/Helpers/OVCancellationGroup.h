@@ -53,7 +53,7 @@ class OVCancellationGroup : public OVCancellation {
   std::int64_t policy() const { return policy_.load(std::memory_order_relaxed); }
   /// Cancels the group and every child not yet cancelled.
   void cancel() override;
-  void addCancellationHandler(std::function<void()> handler) override;
+  void addCancellationHandler(dispatch::Block handler) override;
   /// Adds a token or group. A cancelled child may cancel the group at once
   /// (by the policy); a child added to a cancelled group is cancelled at once.
   void addChild(const Ref<OVCancellation>& child);
@@ -76,7 +76,7 @@ class OVCancellationGroup : public OVCancellation {
   std::atomic<std::int64_t> policy_;
   Ref<Set> cancelledChildren_ = Set::set();
   Ref<Set> nonCancelledChildren_ = Set::set();
-  std::vector<std::function<void()>> cancellationHandlers_;
+  std::vector<dispatch::Block> cancellationHandlers_;
   Ref<dispatch::Queue> internalQueue_;
   Ref<OVReceptionist> receptionist_;
   // Holders of this lock may wait on other queues (cancelling a token syncs

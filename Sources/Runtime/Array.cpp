@@ -22,12 +22,12 @@ Ref<Array> Array::arrayWithCapacity(std::size_t capacity) {
 }
 
 Ref<Array> Array::arrayWithObjects(std::initializer_list<Id> objects) {
-  for (const Id& object : objects) requireNonNil(object, "-[NSArray initWithObjects:]");
+  for (const Id& object : objects) requireNonNil(object, "Array::arrayWithObjects");
   return make<Array>(std::vector<Id>(objects));
 }
 
 Ref<Array> Array::arrayWithVector(std::vector<Id> objects) {
-  for (const Id& object : objects) requireNonNil(object, "-[NSArray initWithArray:]");
+  for (const Id& object : objects) requireNonNil(object, "Array::arrayWithVector");
   return make<Array>(std::move(objects));
 }
 
@@ -45,7 +45,7 @@ const Ref<Array>& Array::emptyArray() {
 }
 
 const Id& Array::objectAtIndex(std::size_t index) const {
-  if (index >= objects_.size()) throwIndexOutOfRange("-[NSArray objectAtIndex:]", index);
+  if (index >= objects_.size()) throwIndexOutOfRange("Array::objectAtIndex", index);
   return objects_[index];
 }
 
@@ -62,7 +62,7 @@ std::size_t Array::indexOfObjectIdenticalTo(const Id& object) const {
 }
 
 Ref<Array> Array::arrayByAddingObject(const Id& object) const {
-  requireNonNil(object, "-[NSArray arrayByAddingObject:]");
+  requireNonNil(object, "Array::arrayByAddingObject");
   std::vector<Id> objects = objects_;
   objects.push_back(object);
   return make<Array>(std::move(objects));
@@ -70,7 +70,7 @@ Ref<Array> Array::arrayByAddingObject(const Id& object) const {
 
 Ref<Array> Array::subarrayWithRange(std::size_t location, std::size_t length) const {
   if (location > objects_.size() || length > objects_.size() - location)
-    throwIndexOutOfRange("-[NSArray subarrayWithRange:]", location + length);
+    throwIndexOutOfRange("Array::subarrayWithRange", location + length);
   const auto first = objects_.begin() + static_cast<std::ptrdiff_t>(location);
   return make<Array>(std::vector<Id>(first, first + static_cast<std::ptrdiff_t>(length)));
 }
@@ -96,7 +96,7 @@ Ref<String> Array::componentsJoinedByString(std::string_view separator) const {
 }
 
 void Array::addObject(const Id& object) {
-  requireNonNil(object, "-[NSMutableArray addObject:]");
+  requireNonNil(object, "Array::addObject");
   willMutate("addObject:");
   objects_.push_back(object);
 }
@@ -109,28 +109,28 @@ void Array::addObjectsFromArray(const Ref<Array>& other) {
 }
 
 void Array::insertObject_atIndex(const Id& object, std::size_t index) {
-  requireNonNil(object, "-[NSMutableArray insertObject:atIndex:]");
-  if (index > objects_.size()) throwIndexOutOfRange("-[NSMutableArray insertObject:atIndex:]", index);
+  requireNonNil(object, "Array::insertObject_atIndex");
+  if (index > objects_.size()) throwIndexOutOfRange("Array::insertObject_atIndex", index);
   willMutate("insertObject:atIndex:");
   objects_.insert(objects_.begin() + static_cast<std::ptrdiff_t>(index), object);
 }
 
 void Array::replaceObjectAtIndex_withObject(std::size_t index, const Id& object) {
-  requireNonNil(object, "-[NSMutableArray replaceObjectAtIndex:withObject:]");
+  requireNonNil(object, "Array::replaceObjectAtIndex_withObject");
   if (index >= objects_.size())
-    throwIndexOutOfRange("-[NSMutableArray replaceObjectAtIndex:withObject:]", index);
+    throwIndexOutOfRange("Array::replaceObjectAtIndex_withObject", index);
   willMutate("replaceObjectAtIndex:withObject:");
   objects_[index] = object;
 }
 
 void Array::removeObjectAtIndex(std::size_t index) {
-  if (index >= objects_.size()) throwIndexOutOfRange("-[NSMutableArray removeObjectAtIndex:]", index);
+  if (index >= objects_.size()) throwIndexOutOfRange("Array::removeObjectAtIndex", index);
   willMutate("removeObjectAtIndex:");
   objects_.erase(objects_.begin() + static_cast<std::ptrdiff_t>(index));
 }
 
 void Array::removeLastObject() {
-  if (objects_.empty()) throwIndexOutOfRange("-[NSMutableArray removeLastObject]", 0);
+  if (objects_.empty()) throwIndexOutOfRange("Array::removeLastObject", 0);
   willMutate("removeLastObject");
   objects_.pop_back();
 }

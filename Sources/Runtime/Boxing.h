@@ -22,6 +22,21 @@ template <class T>
 using Bare = std::remove_cvref_t<T>;
 
 [[noreturn]] void throwUnboxMismatch(const Id& value, const char* expected);
+// Instantiated only for an unsupported type, so that the compiler's
+// diagnostic names the type (as CannotBox<T>) beside the list of what works.
+template <class Unsupported>
+struct CannotBox {
+  static_assert(sizeof(Unsupported) == 0,
+                "fennick::box cannot box this type (named in CannotBox<...>); it boxes Ref<T> and Id, "
+                "bool, integers, floating point, enumerations, and text convertible to std::string_view");
+};
+template <class Unsupported>
+struct CannotUnbox {
+  static_assert(sizeof(Unsupported) == 0,
+                "fennick::unbox cannot unbox to this type (named in CannotUnbox<...>); it unboxes to Id, "
+                "Ref<T>, bool, integers, floating point, enumerations and std::string");
+};
+
 }  // namespace detail
 
 /// A runtime object for a C++ value.
@@ -37,7 +52,7 @@ Id box(T&& value) {
   } else if constexpr (std::is_convertible_v<const V&, std::string_view>) {
     return String::string(std::string_view(value));
   } else {
-    static_assert(sizeof(V) == 0, "no boxing for this type");
+    detail::CannotBox<V>{};
   }
 }
 
@@ -68,7 +83,7 @@ T unbox(const Id& value) {
     if (!string) detail::throwUnboxMismatch(value, "a string");
     return string->utf8();
   } else {
-    static_assert(sizeof(V) == 0, "no unboxing for this type");
+    detail::CannotUnbox<V>{};
   }
 }
 

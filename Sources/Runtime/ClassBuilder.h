@@ -115,6 +115,17 @@ class ClassBuilder {
     return addProperty(std::move(key), getter, setter, true);
   }
 
+  /// A read-write property kept in a data member, named once:
+  ///     builder.observableProperty("title", &Note::title_);
+  /// Changes through key-value coding notify observers exactly once. C++ code
+  /// that assigns the member directly bypasses observers; it should call
+  /// setValueForKey (or changeValueForKey) instead.
+  template <class M>
+  ClassBuilder& observableProperty(std::string key, M T::*member) {
+    static_assert(!std::is_function_v<M>, "observableProperty over a member function needs a getter and a setter");
+    return addProperty(std::move(key), member, member, true);
+  }
+
   /// Declares that changes of the key paths also change `key`.
   ClassBuilder& dependentKeys(std::string key, std::initializer_list<std::string_view> keyPaths) {
     auto& list = cls_.dependencies_[std::move(key)];
@@ -180,7 +191,11 @@ class ClassBuilder {
     property.getter = [getter](const Object& object) -> Id {
       return box(std::invoke(getter, static_cast<const T&>(object)));
     };
-    if constexpr (!std::is_same_v<Setter, std::nullptr_t>) {
+    if constexpr (std::is_member_object_pointer_v<Setter>) {
+      property.setter = [setter](Object& object, const Id& value) {
+        static_cast<T&>(object).*setter = unbox<detail::Bare<R>>(value);
+      };
+    } else if constexpr (!std::is_same_v<Setter, std::nullptr_t>) {
       using A = std::tuple_element_t<0, typename detail::MemberTraits<Setter>::Arguments>;
       property.setter = [setter](Object& object, const Id& value) {
         (static_cast<T&>(object).*setter)(unbox<detail::Bare<A>>(value));

@@ -23,7 +23,7 @@ std::size_t CountedSet::countForObject(const Id& object) const {
 }
 
 void CountedSet::addObject(const Id& object) {
-  requireNonNil(object, "-[NSCountedSet addObject:]");
+  requireNonNil(object, "CountedSet::addObject");
   willMutate("addObject:");
   const std::size_t hash = object->hash();
   if (Entry* entry = table_.find(*object, hash)) ++entry->occurrences;

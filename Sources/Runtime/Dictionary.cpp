@@ -82,13 +82,13 @@ void Dictionary::store(const Id& object, const Id& key, std::size_t hash) {
 }
 
 void Dictionary::setObject_forKey(const Id& object, const Id& key) {
-  requireNonNil(key, "-[NSMutableDictionary setObject:forKey:]", "key");
-  requireNonNil(object, "-[NSMutableDictionary setObject:forKey:]", "object");
+  requireNonNil(key, "Dictionary::setObject_forKey", "key");
+  requireNonNil(object, "Dictionary::setObject_forKey", "object");
   store(object, key, key->hash());
 }
 
 void Dictionary::setObject_forKey(const Id& object, std::string_view key) {
-  requireNonNil(object, "-[NSMutableDictionary setObject:forKey:]", "object");
+  requireNonNil(object, "Dictionary::setObject_forKey", "object");
   willMutate("setObject:forKey:");
   const std::size_t hash = textHash(key);
   if (Entry* entry = table_.findWith(hash, [&](const Object& c) { return keyHasText(c, key); })) {
@@ -99,7 +99,7 @@ void Dictionary::setObject_forKey(const Id& object, std::string_view key) {
 }
 
 void Dictionary::removeObjectForKey(const Id& key) {
-  requireNonNil(key, "-[NSMutableDictionary removeObjectForKey:]", "key");
+  requireNonNil(key, "Dictionary::removeObjectForKey", "key");
   willMutate("removeObjectForKey:");
   table_.remove(*key, key->hash());
 }

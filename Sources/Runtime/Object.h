@@ -5,6 +5,7 @@
 // shared_ptr); identity is the object's address.
 #include "fennick/Runtime/Class.h"
 #include "fennick/Runtime/Exception.h"
+#include "fennick/Runtime/KeyValueObservation.h"
 #include "fennick/Runtime/Ref.h"
 #include "fennick/Runtime/Selector.h"
 
@@ -51,6 +52,13 @@ enum NSKeyValueObservingOptions : std::uint64_t {
   NSKeyValueObservingOptionInitial = 0x04,
   NSKeyValueObservingOptionPrior = 0x08,
 };
+/// Options combine with | and & and stay typed.
+constexpr NSKeyValueObservingOptions operator|(NSKeyValueObservingOptions a, NSKeyValueObservingOptions b) {
+  return NSKeyValueObservingOptions(std::uint64_t(a) | std::uint64_t(b));
+}
+constexpr NSKeyValueObservingOptions operator&(NSKeyValueObservingOptions a, NSKeyValueObservingOptions b) {
+  return NSKeyValueObservingOptions(std::uint64_t(a) & std::uint64_t(b));
+}
 /// Change kinds; observation of plain properties reports setting.
 enum NSKeyValueChange : std::int64_t { NSKeyValueChangeSetting = 1 };
 /// Keys of a change dictionary.
@@ -158,11 +166,23 @@ class Object : public std::enable_shared_from_this<Object> {
   /// are followed too. The same observer may be registered more than once.
   void addObserver_forKeyPath_options_context(const Id& observer, std::string_view keyPath,
                                               std::uint64_t options, void* context);
+  /// Observes `keyPath` with a callable instead of an observer object. The
+  /// callable gets each change dictionary; the observation ends when the
+  /// returned handle is destroyed or reset (see KeyValueObservation.h).
+  [[nodiscard]] KeyValueObservation addObserver_forKeyPath_options(
+      std::string_view keyPath, NSKeyValueObservingOptions options,
+      std::function<void(const Ref<Dictionary>& change)> handler);
   /// Removes the most recent matching registration; throws Exception
   /// (NSRangeException) when there is none.
   void removeObserver_forKeyPath(const Object* observer, std::string_view keyPath);
   void removeObserver_forKeyPath_context(const Object* observer, std::string_view keyPath,
                                          void* context);
+  void removeObserver_forKeyPath(const Id& observer, std::string_view keyPath) {
+    removeObserver_forKeyPath(observer.get(), keyPath);
+  }
+  void removeObserver_forKeyPath_context(const Id& observer, std::string_view keyPath, void* context) {
+    removeObserver_forKeyPath_context(observer.get(), keyPath, context);
+  }
   /// The same, for teardown: removes the most recent matching registration if
   /// there is one, answers whether there was, and never throws.
   bool removeObserverIfRegistered_forKeyPath(const Object* observer, std::string_view keyPath) noexcept;

@@ -91,7 +91,7 @@ bool Set::intersectsSet(const Ref<Set>& other) const {
 }
 
 void Set::addObject(const Id& object) {
-  requireNonNil(object, "-[NSMutableSet addObject:]");
+  requireNonNil(object, "Set::addObject");
   willMutate("addObject:");
   const std::size_t hash = object->hash();
   if (!table_.find(*object, hash)) table_.insertNew(Entry{object, hash, 1});

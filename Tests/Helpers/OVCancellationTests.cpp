@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -65,7 +66,10 @@ TEST(OVCancellationToken, LateHandlersRunAloneAndMayCallBack) {
   auto stillCancelled = std::make_shared<std::atomic<bool>>(false);
   token->addCancellationHandler([token, ran, stillCancelled] {
     *stillCancelled = token->isCancelled();
-    token->addCancellationHandler([ran] { ran->signal(); });  // re-entry from a handler is fine
+    // Re-entry from a handler is fine, and handlers may be move-only.
+    token->addCancellationHandler([ran, owned = std::make_unique<int>(7)] {
+      if (*owned == 7) ran->signal();
+    });
     ran->signal();
   });
   EXPECT_TRUE(ran->waitFor(2));

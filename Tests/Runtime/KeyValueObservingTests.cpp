@@ -140,7 +140,7 @@ TEST(KeyValueObserving, SameObserverTwiceAndRemovalFromInsideTheCallback) {
   EXPECT_EQ(recorder->count(), 2u);
 
   recorder->onChange = [&](const Recorder::Change&) {
-    ada->removeObserver_forKeyPath(recorder.get(), "age");
+    ada->removeObserver_forKeyPath(recorder, "age");
   };
   ada->setValueForKey(Number::of(2), "age");
   // The first callback removed the newer registration, which then no longer
@@ -368,6 +368,60 @@ TEST(KeyValueObserving, AChangeThatThrowsLeavesNothingPending) {
   EXPECT_EQ(recorder->changes()[1].change->objectForKey(NSKeyValueChangeOldKey), nullptr);
   ada->removeObserver_forKeyPath(recorder.get(), "age");
   EXPECT_FALSE(ada->removeObserverIfRegistered_forKeyPath(recorder.get(), "age"));
+}
+
+class Note : public Object {
+  FENNICK_DECLARE_CLASS(Note, Object)
+
+ public:
+  std::string title_;
+  std::int64_t revision_ = 0;
+};
+
+FENNICK_DEFINE_CLASS(Note) {
+  builder.observableProperty("title", &Note::title_);
+  builder.observableProperty("revision", &Note::revision_);
+}
+
+TEST(KeyValueObserving, DataMemberPropertiesNotifyOncePerChange) {
+  auto note = make<Note>();
+  std::vector<std::string> seen;
+  KeyValueObservation watch = note->addObserver_forKeyPath_options(
+      "title", NSKeyValueObservingOptionNew,
+      [&](const Ref<Dictionary>& change) { seen.push_back(text(change->objectForKey(NSKeyValueChangeNewKey))); });
+  note->setValueForKey("Draft"_s, "title");
+  note->setValueForKey(Number::of(3), "revision");
+  EXPECT_EQ(note->title_, "Draft");
+  EXPECT_EQ(note->revision_, 3);
+  EXPECT_EQ(text(note->valueForKey("revision")), "3");
+  EXPECT_EQ(seen, std::vector<std::string>{"Draft"});
+}
+
+TEST(KeyValueObserving, CallableObservationLastsAsLongAsItsHandle) {
+  auto ada = Person::person("Ada");
+  std::vector<std::string> seen;
+  KeyValueObservation watch = ada->addObserver_forKeyPath_options(
+      "firstName", NSKeyValueObservingOptionNew | NSKeyValueObservingOptionOld,
+      [&](const Ref<Dictionary>& change) {
+        seen.push_back(text(change->objectForKey(NSKeyValueChangeOldKey)) + ">" +
+                       text(change->objectForKey(NSKeyValueChangeNewKey)));
+      });
+  ada->setValueForKey("Augusta"_s, "firstName");
+  KeyValueObservation moved = std::move(watch);
+  EXPECT_FALSE(watch);
+  ada->setValueForKey("Ada"_s, "firstName");
+  EXPECT_EQ(seen, (std::vector<std::string>{"Ada>Augusta", "Augusta>Ada"}));
+
+  moved = KeyValueObservation();  // assigning over a live handle ends its observation
+  EXPECT_EQ(ada->observationCountForKeyPath("firstName"), 0u);
+  ada->setValueForKey("Countess"_s, "firstName");
+  EXPECT_EQ(seen.size(), 2u);
+
+  // A handle that outlives the observed object ends quietly.
+  KeyValueObservation orphan = Person::person("Byron")->addObserver_forKeyPath_options(
+      "age", NSKeyValueObservingOptionNew, [](const Ref<Dictionary>&) {});
+  orphan.reset();
+  EXPECT_FALSE(orphan);
 }
 
 }  // namespace
