@@ -3,6 +3,7 @@
 #include "fennick/Version.h"
 
 #include "fennick/Dispatch/Dispatch.h"
+#include "fennick/Dispatch/GLibMainContext.h"
 
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/Bindings.h"
