@@ -21,6 +21,7 @@
 #include "fennick/Runtime/KeyedUnarchiver.h"
 #include "fennick/Runtime/Log.h"
 #include "fennick/Runtime/Null.h"
+#include "fennick/Runtime/OVErrorRecoveryAttemptInfo.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/Object.h"
 #include "fennick/Runtime/PropertyList.h"
