@@ -31,6 +31,7 @@
 #include "fennick/Runtime/UUID.h"
 #include "fennick/Runtime/ValueTransformer.h"
 
+#include "fennick/FoundationExtensions/GeometryExtensions.h"
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
 #include "fennick/Helpers/OVBaseRouter.h"
@@ -42,3 +43,14 @@
 #include "fennick/Helpers/OVSafeRunner.h"
 #include "fennick/Helpers/OVStateMachine.h"
 #include "fennick/Helpers/OVValueOrError.h"
+
+#include "fennick/AppKitExtensions/Alert.h"
+#include "fennick/AppKitExtensions/AlertButton.h"
+#include "fennick/AppKitExtensions/Application.h"
+#include "fennick/AppKitExtensions/Color.h"
+#include "fennick/AppKitExtensions/HeadlessBackend.h"
+#include "fennick/AppKitExtensions/Image.h"
+#include "fennick/AppKitExtensions/InterfaceBackend.h"
+#include "fennick/AppKitExtensions/OVErrorPresentationController.h"
+#include "fennick/AppKitExtensions/OVErrorValidatorInfo.h"
+#include "fennick/AppKitExtensions/Window.h"
