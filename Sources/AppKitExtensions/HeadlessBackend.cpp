@@ -30,10 +30,8 @@ ShownWindow snapshot(const Ref<Window>& window, const Ref<Window>& parent) {
 }
 
 // What the person left the check box at becomes the alert's state. Main thread.
-void writeBackSuppressionState(const HeadlessPresentation& presentation) {
-  if (const Ref<Alert> alert = presentation.window()->alert()) {
-    alert->suppressionButton()->setState(presentation.suppressionButtonState());
-  }
+void writeBackSuppressionState(const Window& window, std::int64_t state) {
+  if (const Ref<Alert> alert = window.alert()) alert->suppressionButton()->setState(state);
 }
 
 }  // namespace
@@ -77,6 +75,12 @@ bool HeadlessPresentation::dismiss() {
   return cancel != buttons.end() && end(cancel->tag);
 }
 
+std::int64_t HeadlessPresentation::waitForResponse() const {
+  std::unique_lock lock(mutex_);
+  ended_.wait(lock, [&] { return response_.has_value(); });
+  return *response_;
+}
+
 std::optional<std::int64_t> HeadlessPresentation::waitForResponse(std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   ended_.wait_for(lock, timeout, [&] { return response_.has_value(); });
@@ -84,19 +88,21 @@ std::optional<std::int64_t> HeadlessPresentation::waitForResponse(std::chrono::m
 }
 
 bool HeadlessPresentation::end(std::int64_t code) {
-  std::function<void(std::int64_t)> action;
+  EndAction action;
+  std::int64_t suppressionState;
   {
     std::lock_guard lock(mutex_);
     if (response_) return false;
     response_ = code;
+    suppressionState = suppressionState_;
     action = std::move(endAction_);
   }
   ended_.notify_all();
-  if (action) action(code);
+  if (action) action(code, suppressionState);
   return true;
 }
 
-void HeadlessPresentation::setEndAction(std::function<void(std::int64_t)> action) {
+void HeadlessPresentation::setEndAction(EndAction action) {
   std::lock_guard lock(mutex_);
   endAction_ = std::move(action);
 }
@@ -137,31 +143,32 @@ int HeadlessBackend::activationCount() const {
   return activations_;
 }
 
-Ref<HeadlessPresentation> HeadlessBackend::present(const Ref<Window>& window, const Ref<Window>& parent) {
+Ref<HeadlessPresentation> HeadlessBackend::present(const Ref<Window>& window, const Ref<Window>& parent,
+                                                   HeadlessPresentation::EndAction endAction) {
   auto presentation = std::make_shared<HeadlessPresentation>(window, snapshot(window, parent));
+  presentation->setEndAction(std::move(endAction));
+  Responder responder;
   {
+    // A modal run is on the stack before anyone can see it, so that a stop
+    // from a thread that waited for it always finds it.
     std::lock_guard lock(mutex_);
     presentations_.push_back(presentation);
+    if (!parent) modalRuns_.push_back(presentation);
+    responder = responder_;
   }
   appeared_.notify_all();
+  if (responder) responder(presentation);
   return presentation;
 }
 
 std::int64_t HeadlessBackend::runModalForWindow(const Ref<Window>& window) {
-  const auto presentation = present(window, nullptr);
-  Responder responder;
-  {
-    std::lock_guard lock(mutex_);
-    modalRuns_.push_back(presentation);
-    responder = responder_;
-  }
-  if (responder) responder(presentation);
-  const std::int64_t response = *presentation->waitForResponse(std::chrono::milliseconds::max());
+  const auto presentation = present(window, nullptr, nullptr);
+  const std::int64_t response = presentation->waitForResponse();
   {
     std::lock_guard lock(mutex_);
     std::erase(modalRuns_, presentation);
   }
-  writeBackSuppressionState(*presentation);
+  writeBackSuppressionState(*window, presentation->suppressionButtonState());
   return response;
 }
 
@@ -177,20 +184,14 @@ void HeadlessBackend::stopModalWithCode(std::int64_t code) {
 
 void HeadlessBackend::beginSheet(const Ref<Window>& parent, const Ref<Window>& sheet,
                                  Window::SheetCompletionHandler handler) {
-  const auto presentation = present(sheet, parent);
-  // Held weakly: the presentation owns its end action.
-  presentation->setEndAction([weak = std::weak_ptr(presentation), handler = std::move(handler)](std::int64_t code) {
-    dispatch::mainQueue()->async([weak, handler, code] {
-      if (const auto presentation = weak.lock()) writeBackSuppressionState(*presentation);
+  // The window, not the presentation, is captured: the presentation owns
+  // this action.
+  present(sheet, parent, [sheet, handler = std::move(handler)](std::int64_t code, std::int64_t suppressionState) {
+    dispatch::mainQueue()->async([sheet, handler, code, suppressionState] {
+      writeBackSuppressionState(*sheet, suppressionState);
       if (handler) handler(code);
     });
   });
-  Responder responder;
-  {
-    std::lock_guard lock(mutex_);
-    responder = responder_;
-  }
-  if (responder) responder(presentation);
 }
 
 void HeadlessBackend::endSheet(const Ref<Window>& parent, const Ref<Window>& sheet, std::int64_t code) {

@@ -79,12 +79,15 @@ class HeadlessPresentation : public std::enable_shared_from_this<HeadlessPresent
 
   /// Waits until the presentation ended; its response, or nullopt after `timeout`.
   std::optional<std::int64_t> waitForResponse(std::chrono::milliseconds timeout) const;
+  /// Waits as long as it takes.
+  std::int64_t waitForResponse() const;
 
  private:
   friend class HeadlessBackend;
+  using EndAction = std::function<void(std::int64_t code, std::int64_t suppressionState)>;
   /// Ends with `code` unless already ended; calls the end action outside the lock.
   bool end(std::int64_t code);
-  void setEndAction(std::function<void(std::int64_t)> action);
+  void setEndAction(EndAction action);
 
   const Ref<Window> window_;
   const ShownWindow shown_;
@@ -92,7 +95,7 @@ class HeadlessPresentation : public std::enable_shared_from_this<HeadlessPresent
   mutable std::condition_variable ended_;
   std::optional<std::int64_t> response_;
   std::int64_t suppressionState_;
-  std::function<void(std::int64_t)> endAction_;
+  EndAction endAction_;
 };
 
 class HeadlessBackend final : public InterfaceBackend {
@@ -126,7 +129,10 @@ class HeadlessBackend final : public InterfaceBackend {
   void activateIgnoringOtherApps(bool ignoringOtherApps) override;
 
  private:
-  Ref<HeadlessPresentation> present(const Ref<Window>& window, const Ref<Window>& parent);
+  /// Records a presentation (a modal run when there is no parent) and hands
+  /// it to the responder.
+  Ref<HeadlessPresentation> present(const Ref<Window>& window, const Ref<Window>& parent,
+                                    HeadlessPresentation::EndAction endAction);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable appeared_;
