@@ -25,6 +25,7 @@ struct GtkBackend::Presentation {
 
 std::shared_ptr<GtkBackend> GtkBackend::create() { return std::make_shared<GtkBackend>(Private{}); }
 
+GtkBackend::GtkBackend(Private) {}
 GtkBackend::~GtkBackend() = default;
 
 GtkBackend::Presentation& GtkBackend::show(const Ref<Window>& window, const Ref<Window>& parent) {

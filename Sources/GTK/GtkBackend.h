@@ -33,7 +33,7 @@ class GtkBackend final : public InterfaceBackend, public std::enable_shared_from
 
  public:
   static std::shared_ptr<GtkBackend> create();
-  explicit GtkBackend(Private) {}
+  explicit GtkBackend(Private);
   ~GtkBackend() override;
 
   std::int64_t runModalForWindow(const Ref<Window>& window) override;

@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+#include <gtk/gtk.h>
+
+#include <atomic>
+#include <thread>
+
+#include "../AppKitExtensions/InterfaceTestSupport.h"
+#include "DesktopSession.h"
+#include "fennick/AppKitExtensions/Application.h"
+#include "fennick/AppKitExtensions/OVErrorPresentationController.h"
+#include "fennick/GTK/GdkColor.h"
+#include "fennick/GTK/GtkBackend.h"
+#include "fennick/GTK/GtkWindowBridge.h"
+#include "fennick/Runtime/Number.h"
+
+using namespace fennick;
+using namespace fennick::gtktest;
+using namespace fennick::testing;
+using nlohmann::json;
+
+namespace {
+
+// One desktop per process (GTK connects to one display, once).
+DesktopSession& desktop() {
+  static DesktopSession* session = new DesktopSession();
+  return *session;
+}
+
+class GtkAlertTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (desktop().failure()) GTEST_SKIP() << "skipped: " << *desktop().failure();
+    ASSERT_TRUE(gtk_init_check()) << "GTK cannot open display " << g_getenv("DISPLAY");
+    gtk::useGtkBackend();
+  }
+  void TearDown() override { setInterfaceBackend(nullptr); }
+
+  // Runs GLib's loop on this (the main) thread until `done`, at most 60 s.
+  bool iterateUntil(const std::function<bool()>& done) {
+    const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
+    while (!done()) {
+      if (g_get_monotonic_time() > deadline) return false;
+      if (!g_main_context_iteration(nullptr, FALSE)) g_usleep(1000);
+    }
+    return true;
+  }
+
+  Ref<OVErrorPresentationController> controller = OVErrorPresentationController::init();
+  std::vector<std::int64_t> responses;
+  OVErrorPresentationController::Completion completion = [this](std::int64_t code) { responses.push_back(code); };
+};
+
+std::vector<std::string> field(const json& items, const char* key) {
+  std::vector<std::string> values;
+  for (const auto& item : items) values.push_back(item.at(key).get<std::string>());
+  return values;
+}
+
+Ref<Dictionary> presentationInfo() {
+  return Dictionary::dictionaryWithStringKeys(
+      {{OVErrorAccessibilityIdentifierKey, String::string("disk-full-alert")},
+       {OVErrorSuppressionButtonInfoKey,
+        Dictionary::dictionaryWithStringKeys({{OVErrorSuppressionButtonInfoShouldShowKey, Number::of(true)},
+                                             {OVErrorSuppressionButtonInfoTitleKey, String::string("Don't ask again")}})}});
+}
+
+}  // namespace
+
+TEST(GdkColor, GenericAndDeviceRGBPassAsSRGB) {
+  const GdkRGBA orange = gtk::toGdkRGBA(Color::ov_colorWithRGBAHex(0xFF800080));
+  EXPECT_FLOAT_EQ(orange.red, 1.0f);
+  EXPECT_FLOAT_EQ(orange.green, 128 / 255.0f);
+  EXPECT_FLOAT_EQ(orange.blue, 0.0f);
+  EXPECT_FLOAT_EQ(orange.alpha, 128 / 255.0f);
+  const Color device = Color::ov_colorWithDeviceRGBHex(0x336699);
+  const GdkRGBA fromDevice = gtk::toGdkRGBA(device);
+  const GdkRGBA fromSRGB = gtk::toGdkRGBA(Color::ov_colorWithSRGBHex(0x336699));
+  EXPECT_TRUE(gdk_rgba_equal(&fromDevice, &fromSRGB));
+  const GdkRGBA clamped = gtk::toGdkRGBA(Color{ColorSpace::sRGB, 2, -1, 0.5, 1});
+  EXPECT_FLOAT_EQ(clamped.red, 1.0f);
+  EXPECT_FLOAT_EQ(clamped.green, 0.0f);
+}
+
+TEST_F(GtkAlertTest, ThreeOptionsReadThroughAccessibilityAndTheSecondClicked) {
+  RecoverableError recoverable(presentationInfo());
+  json shown;
+  std::string driverFailure;
+  std::thread person([&] {
+    try {
+      shown = desktop().readWindow("dialog");
+      desktop().saveScreenshot(outputDirectory() + "/three-options-alert.png");
+      desktop().click(shown.at("buttons").at(1).at("extents"));
+    } catch (const std::exception& failure) {
+      driverFailure = failure.what();
+      Application::sharedApplication()->stopModalWithCode(-1);
+    }
+  });
+  controller->presentError_atWindow_completion(recoverable.error, nullptr, completion);
+  person.join();
+  ASSERT_EQ(driverFailure, "");
+
+  EXPECT_EQ(shown["window"]["name"], "The disk is full.");
+  EXPECT_EQ(shown["window"]["description"], "disk-full-alert");
+  EXPECT_EQ(field(shown["buttons"], "name"), (std::vector<std::string>{"Retry", "Skip", "Cancel"}));
+  EXPECT_EQ(field(shown["buttons"], "description"),
+            (std::vector<std::string>{OVErrorThirdButtonAccessibilityIdentifierKey,
+                                      OVErrorSecondButtonAccessibilityIdentifierKey,
+                                      OVErrorFirstButtonAccessibilityIdentifierKey}));
+  EXPECT_EQ(field(shown["checkboxes"], "name"), std::vector<std::string>{"Don't ask again"});
+  const auto labels = field(shown["labels"], "name");
+  EXPECT_NE(std::find(labels.begin(), labels.end(), "Free some space and try again."), labels.end());
+
+  EXPECT_EQ(recoverable.options(), std::vector<std::uint64_t>{1});
+  EXPECT_EQ(responses, std::vector<std::int64_t>{NSAlertSecondButtonReturn});
+}
