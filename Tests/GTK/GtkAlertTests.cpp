@@ -113,3 +113,71 @@ TEST_F(GtkAlertTest, ThreeOptionsReadThroughAccessibilityAndTheSecondClicked) {
   EXPECT_EQ(recoverable.options(), std::vector<std::uint64_t>{1});
   EXPECT_EQ(responses, std::vector<std::int64_t>{NSAlertSecondButtonReturn});
 }
+
+TEST_F(GtkAlertTest, ASheetOnAParentWindowClosesWith1000WhenNoLongerNeeded) {
+  GtkWindow* documents = GTK_WINDOW(gtk_window_new());
+  gtk_window_set_title(documents, "Documents");
+  gtk_window_set_default_size(documents, 600, 400);
+  gtk_window_present(documents);
+  const Ref<Window> parent = gtk::windowForGtkWindow(documents);
+  EXPECT_EQ(gtk::windowForGtkWindow(documents), parent);
+
+  RecoverableError recoverable(presentationInfo());
+  controller->presentError_atWindow_completion(recoverable.error, parent, completion);
+  GtkWindow* sheet = nullptr;
+  ASSERT_TRUE(iterateUntil([&] { return recoverable.error->isPresentationLaunched(); }));
+  std::atomic<bool> read{false};
+  json shown;
+  std::thread person([&] {
+    shown = desktop().readWindow("dialog");
+    read = true;
+  });
+  ASSERT_TRUE(iterateUntil([&] { return read.load(); }));
+  person.join();
+  EXPECT_EQ(shown["window"]["description"], "disk-full-alert");
+  GList* toplevels = gtk_window_list_toplevels();
+  for (GList* each = toplevels; each; each = each->next) {
+    if (gtk_window_get_transient_for(GTK_WINDOW(each->data)) == documents) sheet = GTK_WINDOW(each->data);
+  }
+  g_list_free(toplevels);
+  ASSERT_NE(sheet, nullptr) << "the alert is transient for its parent";
+  EXPECT_TRUE(gtk_window_get_modal(sheet));
+  desktop().saveScreenshot(outputDirectory() + "/sheet-alert.png");
+
+  // The attempt ends elsewhere: the sheet closes with 1000 and nothing recovers.
+  std::thread([&] { recoverable.error->noNeedForRecovery(); }).join();
+  ASSERT_TRUE(iterateUntil([&] { return !responses.empty(); }));
+  EXPECT_EQ(responses, std::vector<std::int64_t>{NSAlertFirstButtonReturn});
+  EXPECT_TRUE(recoverable.options().empty());
+  EXPECT_TRUE(recoverable.error->isPresentationCancelled());
+  gtk_window_destroy(documents);
+}
+
+TEST_F(GtkAlertTest, AFollowUpErrorAppearsAfterRecovery) {
+  RecoverableError recoverable;
+  recoverable.followUp = Error::errorWithDomain_code_description_recoverySuggestion_recoveryOptions_userInfo(
+      "com.example.test", 2, "Still no space.", std::nullopt, strings({"Give Up"}), nullptr);
+  json first, followUp;
+  std::string driverFailure;
+  std::thread person([&] {
+    try {
+      first = desktop().readWindow("dialog", "The disk is full.");
+      desktop().click(first.at("buttons").at(0).at("extents"));
+      followUp = desktop().readWindow("dialog", "Still no space.");
+      desktop().saveScreenshot(outputDirectory() + "/follow-up-alert.png");
+      desktop().click(followUp.at("buttons").at(0).at("extents"));
+    } catch (const std::exception& failure) {
+      driverFailure = failure.what();
+      Application::sharedApplication()->stopModalWithCode(-1);
+    }
+  });
+  controller->presentError_atWindow_completion(recoverable.error, nullptr, completion);
+  person.join();
+  ASSERT_EQ(driverFailure, "");
+  EXPECT_EQ(field(followUp["buttons"], "name"), std::vector<std::string>{"Give Up"});
+  EXPECT_EQ(field(followUp["buttons"], "description"),
+            std::vector<std::string>{OVErrorFirstButtonAccessibilityIdentifierKey});
+  EXPECT_EQ(recoverable.options(), std::vector<std::uint64_t>{0});
+  // Modal runs nest: the follow-up's completion comes first.
+  EXPECT_EQ(responses, (std::vector<std::int64_t>{NSAlertFirstButtonReturn, NSAlertFirstButtonReturn}));
+}
