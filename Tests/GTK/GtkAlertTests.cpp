@@ -181,3 +181,25 @@ TEST_F(GtkAlertTest, AFollowUpErrorAppearsAfterRecovery) {
   // Modal runs nest: the follow-up's completion comes first.
   EXPECT_EQ(responses, (std::vector<std::int64_t>{NSAlertFirstButtonReturn, NSAlertFirstButtonReturn}));
 }
+
+TEST(GtkAlertCommand, APersonAnswersTheToolsAlert) {
+  if (desktop().failure()) GTEST_SKIP() << "skipped: " << *desktop().failure();
+  CommandResult tool;
+  std::thread run([&] {
+    tool = runCommand({FENNICK_TOOL_PATH, "alert", "--message", "Replace the file?", "--informative",
+                       "A file with this name exists.", "--identifier", "replace-alert", "--suppression",
+                       "Apply to all", "Replace", "Keep Both", "Cancel"});
+  });
+  json shown;
+  try {
+    shown = desktop().readWindow("dialog", "Replace the file?");
+    desktop().click(shown.at("checkboxes").at(0).at("extents"));
+    desktop().click(shown.at("buttons").at(2).at("extents"));
+  } catch (const std::exception& failure) {
+    ADD_FAILURE() << failure.what();
+  }
+  run.join();
+  EXPECT_EQ(shown["window"]["description"], "replace-alert");
+  EXPECT_EQ(tool.status, 0) << tool.err;
+  EXPECT_EQ(tool.out, "response 1002\noption 2 Cancel\nsuppression on\n");
+}
