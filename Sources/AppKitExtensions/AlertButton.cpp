@@ -18,6 +18,12 @@ Ref<AlertButton> AlertButton::buttonWithTitle(std::string_view title) {
   return button;
 }
 
+void AlertButton::setKeyEquivalent(std::string_view key) {
+  // Assigned through iterators: GCC 12 warns falsely (restrict) about the
+  // inlined string_view assignment of a one-character literal.
+  keyEquivalent_.assign(key.begin(), key.end());
+}
+
 std::string AlertButton::description() const {
   return fmt::format("<AlertButton: \"{}\" tag {}>", title_, tag_);
 }

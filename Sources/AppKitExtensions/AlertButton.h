@@ -30,7 +30,7 @@ class AlertButton : public Object {
   const std::string& title() const noexcept { return title_; }
   void setTitle(std::string_view title) { title_ = title; }
   const std::string& keyEquivalent() const noexcept { return keyEquivalent_; }
-  void setKeyEquivalent(std::string_view key) { keyEquivalent_ = key; }
+  void setKeyEquivalent(std::string_view key);
   const std::string& accessibilityIdentifier() const noexcept { return accessibilityIdentifier_; }
   void setAccessibilityIdentifier(std::string_view identifier) { accessibilityIdentifier_ = identifier; }
   std::int64_t tag() const noexcept { return tag_; }

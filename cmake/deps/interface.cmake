@@ -9,3 +9,6 @@ endif()
 
 # The main-context tests drive GLib's loop themselves.
 list(APPEND FENNICK_TEST_LIBS PkgConfig::GLIB)
+
+# The main-queue benchmark measures GLib's own hand-over beside ours.
+list(APPEND FENNICK_BENCH_LIBS PkgConfig::GLIB)
