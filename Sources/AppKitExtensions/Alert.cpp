@@ -36,7 +36,7 @@ Ref<Alert> Alert::alertWithError(const Ref<Error>& error) {
       alert->addButtonWithTitle(title ? std::string_view(title->utf8()) : std::string_view());
     }
   }
-  if (alert->buttons().empty()) alert->addButtonWithTitle("OK");
+  alert->addDefaultButtonIfNone();
   return alert;
 }
 
@@ -54,12 +54,21 @@ Ref<AlertButton> Alert::addButtonWithTitle(std::string_view title) {
   return button;
 }
 
-std::int64_t Alert::runModal() { return Application::sharedApplication()->runModalForWindow(window_); }
+std::int64_t Alert::runModal() {
+  addDefaultButtonIfNone();
+  return Application::sharedApplication()->runModalForWindow(window_);
+}
 
 void Alert::beginSheetModalForWindow_completionHandler(const Ref<Window>& window,
                                                        Window::SheetCompletionHandler handler) {
   if (!window) return;
+  addDefaultButtonIfNone();
   window->beginSheet_completionHandler(window_, std::move(handler));
+}
+
+void Alert::addDefaultButtonIfNone() {
+  // An alert always offers a way out.
+  if (buttons_.empty()) addButtonWithTitle("OK");
 }
 
 std::string Alert::description() const {

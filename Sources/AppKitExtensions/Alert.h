@@ -72,8 +72,8 @@ class Alert : public Object {
   const Ref<Window>& window() const noexcept { return window_; }
 
   /// Shows the alert application-modally and returns the response once the
-  /// person answered or Application::stopModalWithCode ended the run.
-  /// Main thread.
+  /// person answered or Application::stopModalWithCode ended the run. An
+  /// alert without buttons gets an "OK" button first. Main thread.
   std::int64_t runModal();
   /// Shows the alert as a sheet on `window` and returns at once; `handler`
   /// runs on the main thread with the response. Main thread.
@@ -86,6 +86,8 @@ class Alert : public Object {
   Alert();
 
  private:
+  void addDefaultButtonIfNone();
+
   std::string messageText_;
   std::string informativeText_;
   Ref<Image> icon_;
