@@ -133,3 +133,8 @@ class Block {
 };
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::Block;
+}  // namespace fennick

@@ -18,3 +18,8 @@ class BlockingScope {
 };
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::BlockingScope;
+}  // namespace fennick

@@ -49,3 +49,8 @@ class Group : public std::enable_shared_from_this<Group> {
 };
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::Group;
+}  // namespace fennick

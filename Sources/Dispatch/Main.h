@@ -29,3 +29,9 @@ bool isMainThread() noexcept;
 bool runMainQueueUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::mainQueue;
+using dispatch::isMainThread;
+}  // namespace fennick

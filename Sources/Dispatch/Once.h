@@ -43,3 +43,9 @@ void once(OnceFlag& flag, F&& function) {
 }
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::OnceFlag;
+using dispatch::once;
+}  // namespace fennick

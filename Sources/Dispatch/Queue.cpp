@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "fennick/Dispatch/Internal/ConcurrentQueue.h"
 #include "fennick/Dispatch/Internal/CurrentQueue.h"
 #include "fennick/Dispatch/Internal/MainLoop.h"
+#include "fennick/Dispatch/Internal/Reactor.h"
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 #include "fennick/Dispatch/Internal/SerialQueue.h"
 #include "fennick/Dispatch/Internal/SyncRequest.h"
@@ -16,7 +18,9 @@
 namespace fennick::dispatch {
 
 using internal::ChainScope;
-using internal::QueueAccess;
+using internal::ConcurrentQueue;
+using internal::QueueCore;
+using internal::QueueKind;
 using internal::SerialQueue;
 using internal::SyncRequest;
 using internal::WorkItem;
@@ -51,85 +55,45 @@ bool isHeldByCurrentThread(const Queue* queue) {
   std::abort();
 }
 
-// Releases, innermost last, the serial queues a sync call acquired.
-class AcquiredQueues {
+// The queues of a target chain that a sync call took (serial) or entered
+// (concurrent), given back innermost last.
+class HeldChain {
  public:
-  AcquiredQueues() = default;
-  AcquiredQueues(const AcquiredQueues&) = delete;
-  AcquiredQueues& operator=(const AcquiredQueues&) = delete;
-  ~AcquiredQueues() {
-    while (count_ > 0) queues_[--count_]->release();
+  HeldChain() = default;
+  HeldChain(const HeldChain&) = delete;
+  HeldChain& operator=(const HeldChain&) = delete;
+  ~HeldChain() {
+    while (count_ > 0) {
+      const Entry& entry = entries_[--count_];
+      if (entry.queue->kind() == QueueKind::Serial) {
+        static_cast<SerialQueue*>(entry.queue)->release();
+      } else {
+        static_cast<ConcurrentQueue*>(entry.queue)->leave(entry.barrier);
+      }
+    }
   }
-  void add(SerialQueue* queue) noexcept { queues_[count_++] = queue; }
+
+  void take(QueueCore* queue, SyncRequest& request, bool barrier) {
+    if (queue->kind() == QueueKind::Serial) {
+      auto* serial = static_cast<SerialQueue*>(queue);
+      if (!serial->tryAcquire()) serial->acquire(request);
+    } else {
+      static_cast<ConcurrentQueue*>(queue)->enter(request, barrier, internal::hasFrame(queue));
+    }
+    entries_[count_++] = Entry{queue, barrier};
+  }
 
  private:
-  SerialQueue* queues_[ChainScope::kMaxDepth];
+  struct Entry {
+    QueueCore* queue;
+    bool barrier;
+  };
+  Entry entries_[ChainScope::kMaxDepth];
   std::size_t count_ = 0;
 };
 
 }  // namespace
 
-namespace internal {
-
-void fail(const char* message, const char* label) noexcept {
-  if (label != nullptr) {
-    std::fprintf(stderr, "fennick dispatch: %s \"%s\"\n", message, label);
-  } else {
-    std::fprintf(stderr, "fennick dispatch: %s\n", message);
-  }
-  std::fflush(stderr);
-  std::abort();
-}
-
-void runItem(WorkItem* item, Queue* running) noexcept {
-  switch (item->kind) {
-    case ItemKind::Block:
-      if (item->origin) {
-        ChainScope scope(item->origin.get(), running);
-        item->block();
-      } else {
-        item->block();
-      }
-      item->block.reset();
-      item->origin.reset();
-      WorkItem::recycle(item);
-      return;
-    case ItemKind::Drain: {
-      auto* queue = static_cast<SerialQueue*>(item->context);
-      ChainScope scope(queue, running);
-      queue->drain();
-      return;
-    }
-    case ItemKind::SyncExecute: {
-      auto* request = static_cast<SyncRequest*>(item->context);
-      {
-        ChainScope scope(item->origin.get(), running);
-        request->run();
-      }
-      item->origin.reset();
-      request->waiter.signal();
-      return;
-    }
-    case ItemKind::SyncWaiter:
-      break;
-  }
-  fail("a sync waiter reached a queue that is not serial");
-}
-
-}  // namespace internal
-
-Queue::Queue(std::string label, qos_class_t qos, Kind kind, Ref<Queue> target)
-    : label_(std::move(label)),
-      qos_(qos),
-      kind_(kind),
-      targetPointer_(target.get()),
-      target_(std::move(target)) {}
-
-Queue::~Queue() {
-  for (const Specific& specific : specifics_) {
-    if (specific.destructor != nullptr) specific.destructor(specific.value);
-  }
-}
 
 Ref<Queue> Queue::createSerial(std::string label, qos_class_t qos, Ref<Queue> target) {
   qos = normalised(qos);
@@ -140,110 +104,128 @@ Ref<Queue> Queue::createSerial(std::string label, qos_class_t qos, Ref<Queue> ta
 Ref<Queue> Queue::createConcurrent(std::string label, qos_class_t qos, Ref<Queue> target) {
   qos = normalised(qos);
   if (!target) target = global(qos);
-  return std::make_shared<internal::ConcurrentQueue>(std::move(label), qos, std::move(target));
+  return std::make_shared<ConcurrentQueue>(std::move(label), qos, std::move(target));
 }
 
-void Queue::async(Block block) {
-  if (!block) internal::fail("async of an empty block onto queue", label_.c_str());
+Ref<Queue> Queue::createInactiveSerial(std::string label, qos_class_t qos, Ref<Queue> target) {
+  qos = normalised(qos);
+  if (!target) target = global(qos);
+  return std::make_shared<SerialQueue>(std::move(label), qos, std::move(target), true);
+}
+
+Ref<Queue> Queue::createInactiveConcurrent(std::string label, qos_class_t qos, Ref<Queue> target) {
+  qos = normalised(qos);
+  if (!target) target = global(qos);
+  return std::make_shared<ConcurrentQueue>(std::move(label), qos, std::move(target), true);
+}
+
+namespace {
+
+WorkItem* itemFor(Block block, const Queue& queue) {
+  if (!block) internal::fail("an empty block submitted to queue", queue.label().c_str());
   WorkItem* item = WorkItem::allocate();
   item->block = std::move(block);
-  enqueue(item, true);
+  return item;
 }
 
-void Queue::syncInvoke(void (*function)(void*), void* context) {
-  Queue* chain[ChainScope::kMaxDepth];
+}  // namespace
+
+void Queue::async(Block block) { QueueCore::of(*this).enqueue(itemFor(std::move(block), *this), true); }
+
+void Queue::barrierAsync(Block block) {
+  QueueCore::of(*this).enqueueBarrier(itemFor(std::move(block), *this));
+}
+
+void Queue::after(Time when, Block block) {
+  WorkItem* item = itemFor(std::move(block), *this);
+  if (when.isForever()) {
+    WorkItem::discard(item);
+    return;
+  }
+  QueueCore& self = QueueCore::of(*this);
+  if (when.remaining().count() <= 0) {
+    self.enqueue(item, true);
+    return;
+  }
+  internal::Reactor::submitAt(when, self.shared_from_this(), item);
+}
+
+void Queue::suspend() { QueueCore::of(*this).suspend(); }
+
+void Queue::resume() { QueueCore::of(*this).resume(); }
+
+void Queue::activate() { QueueCore::of(*this).activate(); }
+
+void Queue::syncInvoke(void (*function)(void*), void* context, bool barrier) {
+  QueueCore& self = QueueCore::of(*this);
+  barrier = barrier && self.kind() == QueueKind::Concurrent;
+  QueueCore* chain[ChainScope::kMaxDepth];
   std::size_t depth = 0;
-  Queue* root = this;
-  for (; !QueueAccess::isRoot(*root); root = root->targetPointer()) {
-    if (depth == ChainScope::kMaxDepth) internal::fail("target chain too deep for sync onto", label_.c_str());
+  QueueCore* root = &self;
+  for (; !root->isRoot(); root = root->targetPointer()) {
+    if (depth == ChainScope::kMaxDepth) internal::fail("target chain too deep for sync onto", label().c_str());
     chain[depth++] = root;
   }
   for (std::size_t index = 0; index < depth; ++index) {
-    if (chain[index]->kind_ == Kind::Serial && isHeldByCurrentThread(chain[index])) {
-      failDeadlock(*this, *chain[index]);
-    }
+    const bool exclusive = chain[index]->kind() == QueueKind::Serial || (barrier && index == 0);
+    if (exclusive && isHeldByCurrentThread(chain[index])) failDeadlock(*this, *chain[index]);
   }
 
-  if (root->kind_ == Kind::MainLoop) {
+  if (root->kind() == QueueKind::MainLoop) {
     // The main queue's work runs on the main thread (and this is not it).
     SyncRequest request(internal::ItemKind::SyncExecute, function, context);
-    enqueue(&request.item, true);
+    if (barrier) {
+      self.enqueueBarrier(&request.item);
+    } else {
+      self.enqueue(&request.item, true);
+    }
     request.waiter.wait();
     if (request.error) std::rethrow_exception(request.error);
     return;
   }
 
   SyncRequest request(internal::ItemKind::SyncWaiter, nullptr, nullptr);
-  AcquiredQueues acquired;
-  for (std::size_t index = 0; index < depth; ++index) {
-    if (chain[index]->kind_ != Kind::Serial) continue;
-    auto* serial = static_cast<SerialQueue*>(chain[index]);
-    if (!serial->tryAcquire()) serial->acquire(request);
-    acquired.add(serial);
-  }
-  ChainScope scope(this, nullptr);
+  HeldChain held;
+  for (std::size_t index = 0; index < depth; ++index) held.take(chain[index], request, barrier && index == 0);
+  ChainScope scope(&self, nullptr);
   function(context);
 }
 
+Queue::~Queue() = default;
+
+const std::string& Queue::label() const noexcept { return QueueCore::of(*this).label(); }
+
+qos_class_t Queue::qos() const noexcept { return QueueCore::of(*this).qos(); }
+
+bool Queue::isSerial() const noexcept { return QueueCore::of(*this).kind() == QueueKind::Serial; }
+
 void Queue::setTarget(Ref<Queue> target) {
-  if (kind_ == Kind::Global || kind_ == Kind::MainLoop || isMainQueue(this)) {
-    internal::fail("cannot change the target of queue", label_.c_str());
+  QueueCore& core = QueueCore::of(*this);
+  if (core.isRoot() || isMainQueue(&core)) internal::fail("cannot change the target of queue", label().c_str());
+  if (!target) target = global(qos());
+  if (!core.retarget(std::move(target))) {
+    internal::fail("setting this target would make a cycle for queue", label().c_str());
   }
-  if (!target) target = global(qos_);
-  for (const Queue* queue = target.get(); queue != nullptr; queue = queue->targetPointer()) {
-    if (queue == this) internal::fail("setting this target would make a cycle for queue", label_.c_str());
-  }
-  std::lock_guard lock(mutex_);
-  if (target == target_) return;
-  // Another thread may be walking the chain through the old target right now,
-  // so it stays alive as long as this queue does.
-  if (std::find(formerTargets_.begin(), formerTargets_.end(), target_) == formerTargets_.end()) {
-    formerTargets_.push_back(target_);
-  }
-  targetPointer_.store(target.get(), std::memory_order_release);
-  target_ = std::move(target);
 }
 
 Ref<Queue> Queue::target() const {
-  if (kind_ == Kind::Global || kind_ == Kind::MainLoop || isMainQueue(this)) return nullptr;
-  std::lock_guard lock(mutex_);
-  return target_;
+  const QueueCore& core = QueueCore::of(*this);
+  if (core.isRoot() || isMainQueue(&core)) return nullptr;
+  return core.target();
 }
 
 void Queue::setSpecific(const void* key, void* value, void (*destructor)(void*)) {
-  Specific replaced{key, nullptr, nullptr};
-  {
-    std::lock_guard lock(mutex_);
-    auto found = std::find_if(specifics_.begin(), specifics_.end(),
-                              [key](const Specific& specific) { return specific.key == key; });
-    if (found != specifics_.end()) {
-      replaced = *found;
-      if (value != nullptr) {
-        *found = Specific{key, value, destructor};
-      } else {
-        specifics_.erase(found);
-      }
-    } else if (value != nullptr) {
-      specifics_.push_back(Specific{key, value, destructor});
-    }
-  }
-  if (replaced.destructor != nullptr && replaced.value != value) replaced.destructor(replaced.value);
+  QueueCore::of(*this).setSpecific(key, value, destructor);
 }
 
-void* Queue::getSpecific(const void* key) const {
-  std::lock_guard lock(mutex_);
-  for (const Specific& specific : specifics_) {
-    if (specific.key == key) return specific.value;
-  }
-  return nullptr;
-}
+void* Queue::getSpecific(const void* key) const { return QueueCore::of(*this).getSpecific(key); }
 
 void* Queue::getSpecificCurrent(const void* key) {
-  const Queue* queue = nullptr;
+  const QueueCore* queue = nullptr;
   if (internal::currentFrame != nullptr) {
     queue = internal::currentFrame->queue;
   } else if (isMainThread()) {
-    queue = internal::MainLoop::mainQueue().get();
+    queue = &QueueCore::of(*internal::MainLoop::mainQueue());
   }
   for (; queue != nullptr; queue = queue->targetPointer()) {
     if (void* value = queue->getSpecific(key)) return value;

@@ -115,3 +115,8 @@ class Source : public std::enable_shared_from_this<Source> {
 };
 
 }  // namespace fennick::dispatch
+
+// Also reachable from fennick, like the rest of the framework.
+namespace fennick {
+using dispatch::Source;
+}  // namespace fennick

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cstdlib>
 #include <thread>
 #include <vector>
@@ -60,6 +62,37 @@ TEST(MainQueue, SyncFromAnotherThreadRunsOnTheMainThread) {
   });
   EXPECT_TRUE(runMainQueueUntil([&] { return done.load() == 1; }, 20s));
   caller.join();
+}
+
+// A queue moved off the main queue in the middle of a batch finishes its work
+// on the pool. The main thread that ran the batch never serves the pool, so
+// the rest of the work must wake a worker rather than wait for one.
+TEST(MainQueue, AQueueMovedOffTheMainQueueMidBatchFinishesOnTheWorkers) {
+  constexpr int kBlocks = 300;  // more than one batch
+  struct Shared {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int ran = 0;
+  };
+  auto shared = std::make_shared<Shared>();
+  auto queue = Queue::createSerial("moving-off-main", QOS_CLASS_UNSPECIFIED, mainQueue());
+  queue->async([queue] { queue->setTarget(nullptr); });
+  for (int i = 0; i < kBlocks; ++i) {
+    queue->async([shared] {
+      std::lock_guard lock(shared->mutex);
+      ++shared->ran;
+      shared->changed.notify_all();
+    });
+  }
+  ASSERT_TRUE(runMainQueueUntil(
+      [&] {
+        std::lock_guard lock(shared->mutex);
+        return shared->ran > 0;
+      },
+      20s));
+  std::unique_lock lock(shared->mutex);
+  EXPECT_TRUE(shared->changed.wait_for(lock, 3s, [&] { return shared->ran == kBlocks; }))
+      << shared->ran << " of " << kBlocks << " ran";
 }
 
 TEST(MainQueueDeathTest, SyncOntoTheMainQueueFromTheMainThreadAborts) {

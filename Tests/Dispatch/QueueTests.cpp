@@ -10,6 +10,7 @@
 
 #include "TestSupport.h"
 #include "fennick/Dispatch/Group.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
 #include "fennick/Dispatch/Main.h"
 #include "fennick/Dispatch/Queue.h"
 
@@ -232,6 +233,29 @@ TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {
   EXPECT_TRUE(eventually([&] { return completed.load() == kCallers; }));
 }
 
+// Two threads point two queues at each other at the same moment. One of them
+// must see the other's change: two successes would close a loop that every
+// walk along the chain (current-queue look-ups, sync) would never leave.
+TEST(Queue, RacingRetargetsNeverCloseACycle) {
+  using internal::QueueCore;
+  for (int round = 0; round < 1000; ++round) {
+    auto a = Queue::createSerial("race.a");
+    auto b = Queue::createSerial("race.b");
+    std::atomic<int> ready{0};
+    bool bToA = false;
+    std::thread other([&] {
+      ready.fetch_add(1);
+      while (ready.load() < 2) std::this_thread::yield();
+      bToA = QueueCore::of(*b).retarget(a);
+    });
+    ready.fetch_add(1);
+    while (ready.load() < 2) std::this_thread::yield();
+    const bool aToB = QueueCore::of(*a).retarget(b);
+    other.join();
+    ASSERT_NE(aToB, bToA) << "round " << round;
+  }
+}
+
 class QueueDeathTest : public ::testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -249,6 +273,21 @@ TEST_F(QueueDeathTest, SyncOntoAHeldQueueAbortsNamingIt) {
         std::this_thread::sleep_for(std::chrono::seconds(10));
       },
       "com.example.held");
+}
+
+TEST_F(QueueDeathTest, AnExceptionEscapingABlockNamesTheQueueAndTheError) {
+  EXPECT_DEATH(
+      {
+        Queue::createSerial("com.example.thrower")->async([] { throw std::runtime_error("disk on fire"); });
+        std::this_thread::sleep_for(std::chrono::seconds(10));
+      },
+      "com.example.thrower.*disk on fire");
+  EXPECT_DEATH(
+      {
+        Queue::createConcurrent("com.example.wide")->async([] { throw 42; });
+        std::this_thread::sleep_for(std::chrono::seconds(10));
+      },
+      "com.example.wide.*not a std::exception");
 }
 
 TEST_F(QueueDeathTest, TargetCyclesAndEmptyBlocksAbort) {

@@ -1,6 +1,6 @@
 #include "fennick/Dispatch/Internal/CurrentQueue.h"
 
-#include "fennick/Dispatch/Internal/QueueAccess.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
 
 namespace fennick::dispatch::internal {
 
@@ -13,11 +13,11 @@ bool hasFrame(const Queue* queue) noexcept {
   return false;
 }
 
-ChainScope::ChainScope(Queue* from, const Queue* stop) noexcept : saved_(currentFrame) {
+ChainScope::ChainScope(QueueCore* from, const QueueCore* stop) noexcept : saved_(currentFrame) {
   // Collect innermost first, then link so that the innermost ends on top.
   std::size_t depth = 0;
-  for (Queue* queue = from; queue != nullptr && queue != stop && depth < kMaxDepth;
-       queue = QueueAccess::target(*queue)) {
+  for (QueueCore* queue = from; queue != nullptr && queue != stop && depth < kMaxDepth;
+       queue = queue->targetPointer()) {
     frames_[depth++].queue = queue;
   }
   Frame* top = saved_;

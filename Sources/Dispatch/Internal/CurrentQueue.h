@@ -12,9 +12,13 @@ class Queue;
 }
 
 namespace fennick::dispatch::internal {
+class QueueCore;
+}
+
+namespace fennick::dispatch::internal {
 
 struct Frame {
-  Queue* queue;
+  QueueCore* queue;
   Frame* previous;
 };
 
@@ -26,7 +30,7 @@ bool hasFrame(const Queue* queue) noexcept;
 /// Makes one queue current for the scope's lifetime.
 class FrameScope {
  public:
-  explicit FrameScope(Queue* queue) noexcept : frame_{queue, currentFrame} {
+  explicit FrameScope(QueueCore* queue) noexcept : frame_{queue, currentFrame} {
     currentFrame = &frame_;
   }
   ~FrameScope() { currentFrame = frame_.previous; }
@@ -41,7 +45,7 @@ class FrameScope {
 /// an item forwarded through intermediate queues runs "on" all of them.
 class ChainScope {
  public:
-  ChainScope(Queue* from, const Queue* stop) noexcept;
+  ChainScope(QueueCore* from, const QueueCore* stop) noexcept;
   ~ChainScope() { currentFrame = saved_; }
   ChainScope(const ChainScope&) = delete;
   ChainScope& operator=(const ChainScope&) = delete;

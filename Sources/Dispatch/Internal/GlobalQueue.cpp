@@ -5,7 +5,7 @@
 namespace fennick::dispatch::internal {
 
 GlobalQueue::GlobalQueue(std::string label, qos_class_t qos, int poolIndex)
-    : Queue(std::move(label), qos, Kind::Global, nullptr), poolIndex_(poolIndex) {}
+    : QueueCore(std::move(label), qos, QueueKind::Global, nullptr), poolIndex_(poolIndex) {}
 
 void GlobalQueue::enqueue(WorkItem* item, bool wake) {
   WorkerPool::shared().push(poolIndex_, item, wake);

@@ -1,15 +1,15 @@
 #pragma once
 // A global concurrent queue: the root of one quality-of-service class. Its
 // items are run by the shared worker pool.
-#include "fennick/Dispatch/Queue.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
 
 namespace fennick::dispatch::internal {
 
-class GlobalQueue final : public Queue {
+class GlobalQueue final : public QueueCore {
  public:
   GlobalQueue(std::string label, qos_class_t qos, int poolIndex);
 
- protected:
+ public:
   void enqueue(WorkItem* item, bool wake) override;
 
  private:

@@ -9,7 +9,7 @@
 
 namespace fennick::dispatch::internal {
 
-MainLoop::MainLoop() : Queue("fennick.main-loop", QOS_CLASS_USER_INTERACTIVE, Kind::MainLoop, nullptr) {}
+MainLoop::MainLoop() : QueueCore("fennick.main-loop", QOS_CLASS_USER_INTERACTIVE, QueueKind::MainLoop, nullptr) {}
 
 MainLoop& MainLoop::shared() {
   // Immortal, like the worker pool: blocks may reach it while the process exits.

@@ -7,11 +7,11 @@
 
 #include "fennick/Dispatch/Internal/MpscQueue.h"
 #include "fennick/Dispatch/Internal/WorkItem.h"
-#include "fennick/Dispatch/Queue.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
 
 namespace fennick::dispatch::internal {
 
-class MainLoop final : public Queue {
+class MainLoop final : public QueueCore {
  public:
   MainLoop();
 
@@ -31,7 +31,6 @@ class MainLoop final : public Queue {
   using WakeHook = void (*)();
   void setWakeHook(WakeHook hook) noexcept { wakeHook_.store(hook, std::memory_order_release); }
 
- protected:
   void enqueue(WorkItem* item, bool wake) override;
 
  private:

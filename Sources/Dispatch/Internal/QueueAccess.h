@@ -1,24 +1,17 @@
 #pragma once
-// The engine's view of a Queue's protected parts.
-#include "fennick/Dispatch/Queue.h"
+// Engine-wide entry points shared by the queue kinds.
+#include "fennick/Dispatch/Internal/QueueCore.h"
 
 namespace fennick::dispatch::internal {
 
-struct QueueAccess {
-  using Kind = Queue::Kind;
-
-  static Kind kind(const Queue& queue) noexcept { return queue.kind(); }
-  static bool isRoot(const Queue& queue) noexcept {
-    return queue.kind() == Kind::Global || queue.kind() == Kind::MainLoop;
-  }
-  static Queue* target(const Queue& queue) noexcept { return queue.targetPointer(); }
-  static void enqueue(Queue& queue, WorkItem* item, bool wake) { queue.enqueue(item, wake); }
-};
-
 /// Runs one item that `running` took from its queue, with the right queues
-/// current. Exceptions escaping a block end the process, as they would on a
-/// thread of its own.
-void runItem(WorkItem* item, Queue* running) noexcept;
+/// current. An exception escaping a block ends the process with a message
+/// naming the queue and the exception.
+void runItem(WorkItem* item, QueueCore* running) noexcept;
+
+/// Runs a block; an exception escaping it ends the process with a message
+/// naming the current queue.
+void runBlock(Block& block) noexcept;
 
 /// Aborts with "fennick dispatch: <message>" on standard error.
 [[noreturn]] void fail(const char* message, const char* label = nullptr) noexcept;

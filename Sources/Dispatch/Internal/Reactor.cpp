@@ -2,9 +2,12 @@
 
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 #include "fennick/Dispatch/Source.h"
@@ -22,6 +25,28 @@ Registry& registry() {
   return *registry;
 }
 
+constexpr int kWallClock = 1;
+
+// Heap order: the earliest deadline on top, ties in submission order.
+struct Later {
+  template <class Delayed>
+  bool operator()(const Delayed& a, const Delayed& b) const noexcept {
+    return a.when != b.when ? a.when > b.when : a.order > b.order;
+  }
+};
+
+std::int64_t nowOn(int clock) {
+  timespec now{};
+  clock_gettime(clock == kWallClock ? CLOCK_REALTIME : CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * NSEC_PER_SEC + now.tv_nsec;
+}
+
+std::int64_t nanosecondsOf(Time when) {
+  const auto since = when.isWallClock() ? when.toSystem().time_since_epoch()
+                                        : when.toSteady().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(since).count();
+}
+
 }  // namespace
 
 Reactor::Core::Core() {
@@ -35,6 +60,9 @@ Reactor::Core::Core() {
 }
 
 Reactor::Core::~Core() {
+  for (int timer : timers) {
+    if (timer >= 0) close(timer);
+  }
   close(wake);
   close(epoll);
 }
@@ -106,6 +134,10 @@ void Reactor::loop(const Ref<Core>& core) {
         [[maybe_unused]] const ssize_t read = ::read(core->wake, &drained, sizeof drained);
         continue;
       }
+      if (id < kFirstSourceId) {
+        fireDelayed(*core, static_cast<int>(id - 1));
+        continue;
+      }
       Ref<Source> source;
       {
         std::lock_guard lock(core->mutex);
@@ -115,6 +147,63 @@ void Reactor::loop(const Ref<Core>& core) {
       if (source) source->reactorEvent(events[index].events);
     }
   }
+}
+
+void Reactor::submitAt(Time when, Ref<QueueCore> queue, WorkItem* item) {
+  Ref<Reactor> reactor = acquire();
+  Core& core = *reactor->core_;
+  const int clock = when.isWallClock() ? kWallClock : 0;
+  std::lock_guard lock(core.mutex);
+  if (core.timers[clock] < 0) {
+    const int timer = timerfd_create(clock == kWallClock ? CLOCK_REALTIME : CLOCK_MONOTONIC,
+                                     TFD_NONBLOCK | TFD_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = static_cast<std::uint64_t>(clock) + 1;
+    if (timer < 0 || epoll_ctl(core.epoll, EPOLL_CTL_ADD, timer, &event) != 0) {
+      fail("cannot create a timer for delayed work on queue", queue->label().c_str());
+    }
+    core.timers[clock] = timer;
+  }
+  std::vector<Delayed>& heap = core.delayed[clock];
+  heap.push_back(Delayed{nanosecondsOf(when), core.delayedOrder++, std::move(queue), item});
+  std::push_heap(heap.begin(), heap.end(), Later{});
+  if (!core.keeper) core.keeper = std::move(reactor);
+  if (heap.front().item == item) armLocked(core, clock);
+}
+
+void Reactor::armLocked(Core& core, int clock) {
+  itimerspec setting{};
+  if (!core.delayed[clock].empty()) {
+    const std::int64_t when = std::max<std::int64_t>(core.delayed[clock].front().when, 1);
+    setting.it_value.tv_sec = static_cast<time_t>(when / NSEC_PER_SEC);
+    setting.it_value.tv_nsec = static_cast<long>(when % NSEC_PER_SEC);
+  }
+  // On the wall clock, a change of the system time wakes us to look again.
+  const int flags = TFD_TIMER_ABSTIME | (clock == kWallClock ? TFD_TIMER_CANCEL_ON_SET : 0);
+  timerfd_settime(core.timers[clock], flags, &setting, nullptr);
+}
+
+void Reactor::fireDelayed(Core& core, int clock) {
+  std::vector<Delayed> due;
+  Ref<Reactor> keeper;
+  {
+    std::lock_guard lock(core.mutex);
+    std::uint64_t expirations = 0;
+    [[maybe_unused]] const ssize_t read = ::read(core.timers[clock], &expirations, sizeof expirations);
+    std::vector<Delayed>& heap = core.delayed[clock];
+    const std::int64_t now = nowOn(clock);
+    while (!heap.empty() && heap.front().when <= now) {
+      std::pop_heap(heap.begin(), heap.end(), Later{});
+      due.push_back(std::move(heap.back()));
+      heap.pop_back();
+    }
+    armLocked(core, clock);
+    if (core.delayed[0].empty() && core.delayed[kWallClock].empty()) keeper = std::move(core.keeper);
+  }
+  for (Delayed& delayed : due) delayed.queue->enqueue(delayed.item, true);
+  // Dropping the keeper may end this reactor; its thread then stops after
+  // this event.
 }
 
 }  // namespace fennick::dispatch::internal

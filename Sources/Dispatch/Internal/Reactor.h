@@ -5,6 +5,10 @@
 // the last one to go stops it and joins its thread, so an idle process keeps
 // no reactor thread or descriptor. Registrations are keyed by a unique id, not
 // by pointer, so an event still in flight for a source that is gone is dropped.
+//
+// It also holds the work submitted with Queue::after(): one heap of deadlines
+// per clock behind one timer descriptor per clock, so a delay costs neither a
+// thread nor a descriptor. While such work waits, the reactor keeps itself.
 #include <sys/epoll.h>
 
 #include <atomic>
@@ -12,14 +16,19 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "fennick/Dispatch/Ref.h"
+#include "fennick/Dispatch/Time.h"
 
 namespace fennick::dispatch {
 class Source;
 }
 
 namespace fennick::dispatch::internal {
+
+class QueueCore;
+struct WorkItem;
 
 class Reactor {
  public:
@@ -39,9 +48,23 @@ class Reactor {
   /// Ends a registration. Events already collected for it are dropped.
   void remove(int fd, std::uint64_t id);
 
+  /// Submits `item` to `queue` once `when` (neither NOW nor FOREVER) passes.
+  static void submitAt(Time when, Ref<QueueCore> queue, WorkItem* item);
+
  private:
   // What the thread needs; it keeps its own reference, so the thread may
   // outlive the Reactor when the last source goes away on the thread itself.
+  struct Delayed {
+    std::int64_t when;  // nanoseconds on the clock's own epoch
+    std::uint64_t order;
+    Ref<QueueCore> queue;
+    WorkItem* item;
+  };
+
+  // Ids 1 and 2 are the monotonic and wall-clock timers of delayed work.
+  static constexpr int kClocks = 2;
+  static constexpr std::uint64_t kFirstSourceId = 3;
+
   struct Core {
     Core();
     ~Core();
@@ -50,10 +73,16 @@ class Reactor {
     std::atomic<bool> stopping{false};
     std::mutex mutex;  // guards the members below
     std::unordered_map<std::uint64_t, WeakRef<Source>> sources;
-    std::uint64_t nextId = 1;
+    std::uint64_t nextId = kFirstSourceId;
+    int timers[kClocks] = {-1, -1};  // made on first use
+    std::vector<Delayed> delayed[kClocks];  // min-heaps by (when, order)
+    std::uint64_t delayedOrder = 0;
+    Ref<Reactor> keeper;  // set while delayed work waits
   };
 
   static void loop(const Ref<Core>& core);
+  static void fireDelayed(Core& core, int clock);
+  static void armLocked(Core& core, int clock);
 
   Ref<Core> core_;
   std::thread thread_;

@@ -9,25 +9,47 @@
 
 namespace fennick::dispatch::internal {
 
-SerialQueue::SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target)
-    : Queue(std::move(label), qos, Kind::Serial, std::move(target)) {
+SerialQueue::SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target, bool inactive)
+    : QueueCore(std::move(label), qos, QueueKind::Serial, std::move(target)), suspension_(inactive) {
   drainItem_.kind = ItemKind::Drain;
   drainItem_.context = this;
 }
 
-SerialQueue::~SerialQueue() = default;
+SerialQueue::~SerialQueue() {
+  // Only a suspended (or never activated) queue dies with work: it is
+  // discarded. Sync callers hold a reference, so all of it is blocks.
+  std::uint64_t left = pending_.load(std::memory_order_acquire);
+  if (carried_ != nullptr) {
+    WorkItem::discard(std::exchange(carried_, nullptr));
+    --left;
+  }
+  for (; left > 0; --left) WorkItem::discard(popReady());
+}
 
 void SerialQueue::enqueue(WorkItem* item, bool wake) {
   items_.push(item);
-  if (pending_.fetch_add(1, std::memory_order_acq_rel) == 0) schedule(wake);
+  if (pending_.fetch_add(1, std::memory_order_acq_rel) == 0) start(wake);
+}
+
+void SerialQueue::start(bool wake) {
+  if (suspension_.isSuspended() && suspension_.park()) return;
+  schedule(wake);
+}
+
+void SerialQueue::resume() {
+  if (suspension_.resume(label().c_str())) schedule(true);
+}
+
+void SerialQueue::activate() {
+  if (suspension_.activate()) schedule(true);
 }
 
 void SerialQueue::schedule(bool wake) {
   keepAlive_ = shared_from_this();
-  QueueAccess::enqueue(*targetPointer(), &drainItem_, wake);
+  targetPointer()->enqueue(&drainItem_, wake);
 }
 
-void SerialQueue::drain() noexcept {
+void SerialQueue::drain(QueueCore* running) noexcept {
   std::uint64_t retired = 0;
   // Read once: carried_ shares a cache line with the producers' counter.
   WorkItem* carried = std::exchange(carried_, nullptr);
@@ -37,6 +59,11 @@ void SerialQueue::drain() noexcept {
       known = pending_.load(std::memory_order_acquire);
       if (known == retired) break;
     }
+    if (suspension_.isSuspended()) {
+      carried_ = carried;
+      pause(retired);
+      return;
+    }
     WorkItem* item = carried ? std::exchange(carried, nullptr) : popReady();
     ++retired;
     if (item->kind == ItemKind::SyncWaiter) {
@@ -45,22 +72,37 @@ void SerialQueue::drain() noexcept {
     }
     runItem(item, this);
   }
-  finishBatch(retired);
+  finishBatch(retired, running);
 }
 
-void SerialQueue::finishBatch(std::uint64_t retired) noexcept {
-  Ref<Queue> self = std::move(keepAlive_);
+void SerialQueue::finishBatch(std::uint64_t retired, QueueCore* running) noexcept {
+  Ref<QueueCore> self = std::move(keepAlive_);
   if (pending_.fetch_sub(retired, std::memory_order_acq_rel) == retired) return;
   // Work is left: go to the back of the target so that its other queues get a
-  // turn. The thread running us continues with the target, so nobody is woken.
+  // turn. The thread running us continues with the queue the item reaches, so
+  // nobody needs waking, unless a retargeting sent it elsewhere.
   keepAlive_ = std::move(self);
-  QueueAccess::enqueue(*targetPointer(), &drainItem_, false);
+  QueueCore* target = targetPointer();
+  bool continued = false;
+  for (QueueCore* queue = target; queue != nullptr && !continued; queue = queue->targetPointer()) {
+    continued = queue == running;
+  }
+  target->enqueue(&drainItem_, !continued);
+}
+
+void SerialQueue::pause(std::uint64_t retired) noexcept {
+  Ref<QueueCore> self = std::move(keepAlive_);
+  if (pending_.fetch_sub(retired, std::memory_order_acq_rel) == retired) return;
+  if (suspension_.park()) return;
+  // Resumed while we stopped: carry on with a fresh batch.
+  keepAlive_ = std::move(self);
+  targetPointer()->enqueue(&drainItem_, true);
 }
 
 void SerialQueue::handOff(SyncRequest& request, std::uint64_t retired) noexcept {
   // The waiter's own item stays counted: it stands for the new owner.
   if (retired > 1) pending_.fetch_sub(retired - 1, std::memory_order_acq_rel);
-  Ref<Queue> self = std::move(keepAlive_);
+  Ref<QueueCore> self = std::move(keepAlive_);
   request.waiter.signal();
 }
 
@@ -77,6 +119,7 @@ WorkItem* SerialQueue::popReady() noexcept {
 }
 
 bool SerialQueue::tryAcquire() noexcept {
+  if (suspension_.isSuspended()) return false;
   std::uint64_t idle = 0;
   return pending_.compare_exchange_strong(idle, 1, std::memory_order_acquire,
                                           std::memory_order_relaxed);
@@ -90,6 +133,7 @@ void SerialQueue::acquire(SyncRequest& request) noexcept {
 
 void SerialQueue::release() noexcept {
   if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1) return;
+  if (suspension_.isSuspended() && suspension_.park()) return;
   // Others are queued and the queue is still ours until we pass it on. A sync
   // waiter at the head takes it directly, so that waiting syncs never need a
   // free worker (every worker may be blocked on something the waiter holds).

@@ -8,26 +8,35 @@
 // drain that meets a waiting sync caller hands ownership to it and stops. A
 // sync caller that is done hands the queue straight to the next waiting sync
 // caller, or schedules the drain when other work is left.
+//
+// An owner that finds the queue suspended parks it instead of going on (see
+// Suspension); the resume that ends the suspension restarts it.
 #include <atomic>
 #include <cstdint>
 
 #include "fennick/Dispatch/Internal/MpscQueue.h"
 #include "fennick/Dispatch/Internal/WorkItem.h"
-#include "fennick/Dispatch/Queue.h"
+#include "fennick/Dispatch/Internal/QueueCore.h"
+#include "fennick/Dispatch/Internal/Suspension.h"
 
 namespace fennick::dispatch::internal {
 
 struct SyncRequest;
 
-class SerialQueue final : public Queue {
+class SerialQueue final : public QueueCore {
  public:
-  SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target);
+  SerialQueue(std::string label, qos_class_t qos, Ref<Queue> target, bool inactive = false);
   ~SerialQueue() override;
 
-  /// Runs one batch. Called by the target's runner, with this queue current.
-  void drain() noexcept;
+  /// Runs one batch. Called by the runner of `running` (the target when the
+  /// drain was scheduled), with this queue current.
+  void drain(QueueCore* running) noexcept;
 
-  /// Sync: takes the queue if it is idle.
+  void suspend() override { suspension_.suspend(); }
+  void resume() override;
+  void activate() override;
+
+  /// Sync: takes the queue if it is idle and not suspended.
   bool tryAcquire() noexcept;
   /// Sync: waits in line until a drain hands the queue over.
   void acquire(SyncRequest& request) noexcept;
@@ -37,23 +46,28 @@ class SerialQueue final : public Queue {
   /// Items a drain runs before it lets other queues of its target go first.
   static constexpr std::uint64_t kBatchLimit = 128;
 
- protected:
+ public:
   void enqueue(WorkItem* item, bool wake) override;
 
  private:
   void schedule(bool wake);
-  void finishBatch(std::uint64_t retired) noexcept;
+  /// The caller owns the queue and it has work: drain it unless suspended.
+  void start(bool wake);
+  void finishBatch(std::uint64_t retired, QueueCore* running) noexcept;
+  /// Stops a drain that found the queue suspended.
+  void pause(std::uint64_t retired) noexcept;
   void handOff(SyncRequest& request, std::uint64_t retired) noexcept;
   WorkItem* popReady() noexcept;
 
   MpscQueue<WorkItem> items_;
   alignas(64) std::atomic<std::uint64_t> pending_{0};
   // Keeps the queue alive while its drain is scheduled; only the owner touches it.
-  Ref<Queue> keepAlive_;
+  Ref<QueueCore> keepAlive_;
   // An item that a releasing sync holder took off the list before scheduling a
   // drain; the drain runs it first. Touched only by the queue's owner.
   WorkItem* carried_ = nullptr;
   WorkItem drainItem_;
+  Suspension suspension_;
 };
 
 }  // namespace fennick::dispatch::internal

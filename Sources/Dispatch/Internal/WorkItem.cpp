@@ -138,4 +138,11 @@ void WorkItem::recycle(WorkItem* item) noexcept {
   recycleInSlab(slabOf(item), 1);
 }
 
+void WorkItem::discard(WorkItem* item) noexcept {
+  if (item->kind != ItemKind::Block) return;
+  item->block.reset();
+  item->origin.reset();
+  recycle(item);
+}
+
 }  // namespace fennick::dispatch::internal

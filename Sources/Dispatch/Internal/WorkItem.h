@@ -8,8 +8,8 @@
 #include "fennick/Dispatch/Block.h"
 #include "fennick/Dispatch/Ref.h"
 
-namespace fennick::dispatch {
-class Queue;
+namespace fennick::dispatch::internal {
+class QueueCore;
 }
 
 namespace fennick::dispatch::internal {
@@ -24,16 +24,20 @@ enum class ItemKind : std::uint8_t {
 struct WorkItem {
   std::atomic<WorkItem*> next{nullptr};
   ItemKind kind = ItemKind::Block;
+  // A barrier block of a concurrent queue: it runs alone on that queue.
+  bool barrier = false;
   void* context = nullptr;
   // Set when a concurrent queue forwards the item to its target: the queues from
   // `origin` up to the running one are current while the item runs.
-  Ref<Queue> origin;
+  Ref<QueueCore> origin;
   Block block;
 
   /// An empty Block item.
   static WorkItem* allocate();
   /// Returns an item whose block and origin are empty to the cache.
   static void recycle(WorkItem* item) noexcept;
+  /// Drops a Block item that will never run; other kinds are left alone.
+  static void discard(WorkItem* item) noexcept;
 };
 
 }  // namespace fennick::dispatch::internal

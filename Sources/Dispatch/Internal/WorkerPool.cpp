@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <system_error>
@@ -10,12 +11,15 @@
 #include "fennick/Dispatch/Internal/CurrentQueue.h"
 #include "fennick/Dispatch/Internal/Futex.h"
 #include "fennick/Dispatch/Internal/GlobalQueue.h"
+#include "fennick/Dispatch/Internal/PoolMonitor.h"
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 
 namespace fennick::dispatch::internal {
 namespace {
 
-thread_local bool isWorkerThread = false;
+// The record of the worker running on this thread; null off the pool.
+thread_local WorkerRecord* currentRecord = nullptr;
+thread_local std::uint64_t currentSerial = 0;
 
 // A searching worker polls the roots this many times before it parks: long
 // enough to catch the next submission of a busy producer, short enough not to
@@ -45,7 +49,8 @@ WorkerPool& WorkerPool::shared() {
 }
 
 WorkerPool::WorkerPool()
-    : maxRunning_(std::max(2, static_cast<int>(std::thread::hardware_concurrency()))) {
+    : monitor_(new PoolMonitor(*this)),
+      maxRunning_(std::max(2, static_cast<int>(std::thread::hardware_concurrency()))) {
   for (int index = 0; index < kClassCount; ++index) {
     roots_[index].queue =
         std::make_shared<GlobalQueue>(kClasses[index].label, kClasses[index].qos, index);
@@ -60,25 +65,29 @@ int WorkerPool::indexOf(qos_class_t qos) noexcept {
   return -1;
 }
 
-bool WorkerPool::onWorkerThread() noexcept { return isWorkerThread; }
+bool WorkerPool::onWorkerThread() noexcept { return currentRecord != nullptr; }
 
 void WorkerPool::push(int index, WorkItem* item, bool wake) {
   Root& root = roots_[index];
   root.items.push(item);
-  root.size.fetch_add(1, std::memory_order_seq_cst);
+  root.pushed.fetch_add(1, std::memory_order_seq_cst);
   if (wake) notifyWork();
 }
 
 bool WorkerPool::hasQueuedWork() const noexcept {
   for (const Root& root : roots_) {
-    if (root.size.load(std::memory_order_seq_cst) > 0) return true;
+    if (root.hasWork()) return true;
   }
   return false;
 }
 
 void WorkerPool::notifyWork() noexcept {
   if (searching_.load(std::memory_order_seq_cst) > 0) return;
-  if (running_.load(std::memory_order_seq_cst) >= maxRunning_) return;
+  if (running_.load(std::memory_order_seq_cst) >= maxRunning_) {
+    // Every worker is busy: if they are stuck, the monitor will notice.
+    monitor_->watch();
+    return;
+  }
   int idle = idle_.load(std::memory_order_seq_cst);
   while (idle > 0) {
     if (idle_.compare_exchange_weak(idle, idle - 1, std::memory_order_seq_cst)) {
@@ -112,14 +121,16 @@ void WorkerPool::spawnWorker() noexcept {
 WorkItem* WorkerPool::tryPop(int& index) noexcept {
   for (index = kClassCount - 1; index >= 0; --index) {
     Root& root = roots_[index];
-    if (root.size.load(std::memory_order_acquire) <= 0) continue;
+    if (root.pushed.load(std::memory_order_acquire) == root.popped.load(std::memory_order_relaxed)) {
+      continue;
+    }
     if (root.popping.exchange(true, std::memory_order_acquire)) continue;
     WorkItem* item = root.items.pop();
-    root.popping.store(false, std::memory_order_release);
     if (item != nullptr) {
-      root.size.fetch_sub(1, std::memory_order_relaxed);
-      return item;
+      root.popped.store(root.popped.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
+    root.popping.store(false, std::memory_order_release);
+    if (item != nullptr) return item;
   }
   return nullptr;
 }
@@ -137,13 +148,37 @@ WorkItem* WorkerPool::search(int& index) noexcept {
 }
 
 void WorkerPool::run(WorkItem* item, int index) noexcept {
-  Queue* queue = roots_[index].queue.get();
-  FrameScope scope(queue);
-  runItem(item, queue);
+  WorkerRecord& record = *currentRecord;
+  currentSerial += WorkerRecord::kSerialStep;
+  record.rootIndex.store(index, std::memory_order_relaxed);
+  record.activity.store(currentSerial | WorkerRecord::kBusy, std::memory_order_release);
+  {
+    QueueCore* queue = &QueueCore::of(*roots_[index].queue);
+    FrameScope scope(queue);
+    runItem(item, queue);
+  }
+  const std::uint64_t was = record.activity.exchange(currentSerial, std::memory_order_acq_rel);
+  if ((was & WorkerRecord::kPresumed) != 0) {
+    presumed_[index].fetch_sub(1, std::memory_order_relaxed);
+    resumeCounting();
+  }
+}
+
+WorkerRecord* WorkerPool::claimRecord() noexcept {
+  // threads_ never exceeds the number of records, so a free one exists.
+  for (;;) {
+    for (WorkerRecord& record : records_) {
+      bool used = false;
+      if (record.used.compare_exchange_strong(used, true, std::memory_order_acquire)) return &record;
+    }
+  }
 }
 
 void WorkerPool::workerMain() noexcept {
-  isWorkerThread = true;
+  WorkerRecord* record = claimRecord();
+  record->tid.store(static_cast<pid_t>(gettid()), std::memory_order_relaxed);
+  currentSerial = record->activity.load(std::memory_order_relaxed) & ~(WorkerRecord::kSerialStep - 1);
+  currentRecord = record;
   pthread_setname_np(pthread_self(), "fennick-worker");
   // The spawner counted this worker as running and searching.
   for (;;) {
@@ -156,11 +191,22 @@ void WorkerPool::workerMain() noexcept {
       continue;
     }
     if (lastSearcher && hasQueuedWork()) notifyWork();
+    // A worker that finds more running than cores (a blocked one came back)
+    // steps aside after its item.
+    bool crowded = false;
     do {
       run(item, index);
-    } while ((item = tryPop(index)) != nullptr);
+      crowded = running_.load(std::memory_order_seq_cst) > maxRunning_;
+    } while (!crowded && (item = tryPop(index)) != nullptr);
+    if (crowded) {
+      running_.fetch_sub(1, std::memory_order_seq_cst);
+      if (!park()) break;
+      continue;
+    }
     searching_.fetch_add(1, std::memory_order_seq_cst);
   }
+  currentRecord = nullptr;
+  record->used.store(false, std::memory_order_release);
   threads_.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -176,7 +222,7 @@ bool WorkerPool::leaveIdle() noexcept {
 // searching), false when it should retire.
 bool WorkerPool::park() noexcept {
   idle_.fetch_add(1, std::memory_order_seq_cst);
-  if (hasQueuedWork() && leaveIdle()) {
+  if (hasQueuedWork() && running_.load(std::memory_order_seq_cst) < maxRunning_ && leaveIdle()) {
     running_.fetch_add(1, std::memory_order_seq_cst);
     searching_.fetch_add(1, std::memory_order_seq_cst);
     return true;
@@ -209,10 +255,30 @@ bool WorkerPool::park() noexcept {
 }
 
 void WorkerPool::willBlock() noexcept {
+  const std::uint64_t was = currentRecord->activity.fetch_or(WorkerRecord::kBlocking, std::memory_order_acq_rel);
+  if ((was & WorkerRecord::kPresumed) != 0) return;  // already not counted
   running_.fetch_sub(1, std::memory_order_seq_cst);
   if (hasQueuedWork()) notifyWork();
 }
 
-void WorkerPool::didUnblock() noexcept { running_.fetch_add(1, std::memory_order_seq_cst); }
+void WorkerPool::didUnblock() noexcept {
+  const std::uint64_t was =
+      currentRecord->activity.fetch_and(~WorkerRecord::kBlocking, std::memory_order_acq_rel);
+  if ((was & WorkerRecord::kPresumed) == 0) resumeCounting();
+}
+
+bool WorkerPool::presumeBlocked(WorkerRecord& record, std::uint64_t seen) noexcept {
+  constexpr std::uint64_t kFlags = WorkerRecord::kBusy | WorkerRecord::kPresumed | WorkerRecord::kBlocking;
+  if ((seen & kFlags) != WorkerRecord::kBusy) return false;
+  const int index = record.rootIndex.load(std::memory_order_relaxed);
+  if (presumed_[index].fetch_add(1, std::memory_order_relaxed) >= kMaxPresumedPerClass ||
+      !record.activity.compare_exchange_strong(seen, seen | WorkerRecord::kPresumed,
+                                               std::memory_order_acq_rel)) {
+    presumed_[index].fetch_sub(1, std::memory_order_relaxed);
+    return false;
+  }
+  running_.fetch_sub(1, std::memory_order_seq_cst);
+  return true;
+}
 
 }  // namespace fennick::dispatch::internal
