@@ -45,6 +45,24 @@ class GtkAlertTest : public ::testing::Test {
     return true;
   }
 
+  // Presents `error` modally while a person (`act`, on another thread) reads
+  // and clicks; returns what went wrong on the person's side, if anything.
+  // A failing person ends the modal run so that the test does not hang.
+  std::string presentModallyWhile(const Ref<Error>& error, const std::function<void()>& act) {
+    std::string failure;
+    std::thread person([&] {
+      try {
+        act();
+      } catch (const std::exception& problem) {
+        failure = problem.what();
+        Application::sharedApplication()->stopModalWithCode(-1);
+      }
+    });
+    controller->presentError_atWindow_completion(error, nullptr, completion);
+    person.join();
+    return failure;
+  }
+
   Ref<OVErrorPresentationController> controller = OVErrorPresentationController::init();
   std::vector<std::int64_t> responses;
   OVErrorPresentationController::Completion completion = [this](std::int64_t code) { responses.push_back(code); };
@@ -84,20 +102,13 @@ TEST(GdkColor, GenericAndDeviceRGBPassAsSRGB) {
 TEST_F(GtkAlertTest, ThreeOptionsReadThroughAccessibilityAndTheSecondClicked) {
   RecoverableError recoverable(presentationInfo());
   json shown;
-  std::string driverFailure;
-  std::thread person([&] {
-    try {
-      shown = desktop().readWindow("dialog");
-      desktop().saveScreenshot(outputDirectory() + "/three-options-alert.png");
-      desktop().click(shown.at("buttons").at(1).at("extents"));
-    } catch (const std::exception& failure) {
-      driverFailure = failure.what();
-      Application::sharedApplication()->stopModalWithCode(-1);
-    }
-  });
-  controller->presentError_atWindow_completion(recoverable.error, nullptr, completion);
-  person.join();
-  ASSERT_EQ(driverFailure, "");
+  ASSERT_EQ(presentModallyWhile(recoverable.error,
+                                [&] {
+                                  shown = desktop().readWindow("dialog");
+                                  desktop().saveScreenshot(outputDirectory() + "/three-options-alert.png");
+                                  desktop().click(shown.at("buttons").at(1).at("extents"));
+                                }),
+            "");
 
   EXPECT_EQ(shown["window"]["name"], "The disk is full.");
   EXPECT_EQ(shown["window"]["description"], "disk-full-alert");
@@ -158,22 +169,15 @@ TEST_F(GtkAlertTest, AFollowUpErrorAppearsAfterRecovery) {
   recoverable.followUp = Error::errorWithDomain_code_description_recoverySuggestion_recoveryOptions_userInfo(
       "com.example.test", 2, "Still no space.", std::nullopt, strings({"Give Up"}), nullptr);
   json first, followUp;
-  std::string driverFailure;
-  std::thread person([&] {
-    try {
-      first = desktop().readWindow("dialog", "The disk is full.");
-      desktop().click(first.at("buttons").at(0).at("extents"));
-      followUp = desktop().readWindow("dialog", "Still no space.");
-      desktop().saveScreenshot(outputDirectory() + "/follow-up-alert.png");
-      desktop().click(followUp.at("buttons").at(0).at("extents"));
-    } catch (const std::exception& failure) {
-      driverFailure = failure.what();
-      Application::sharedApplication()->stopModalWithCode(-1);
-    }
-  });
-  controller->presentError_atWindow_completion(recoverable.error, nullptr, completion);
-  person.join();
-  ASSERT_EQ(driverFailure, "");
+  ASSERT_EQ(presentModallyWhile(recoverable.error,
+                                [&] {
+                                  first = desktop().readWindow("dialog", "The disk is full.");
+                                  desktop().click(first.at("buttons").at(0).at("extents"));
+                                  followUp = desktop().readWindow("dialog", "Still no space.");
+                                  desktop().saveScreenshot(outputDirectory() + "/follow-up-alert.png");
+                                  desktop().click(followUp.at("buttons").at(0).at("extents"));
+                                }),
+            "");
   EXPECT_EQ(field(followUp["buttons"], "name"), std::vector<std::string>{"Give Up"});
   EXPECT_EQ(field(followUp["buttons"], "description"),
             std::vector<std::string>{OVErrorFirstButtonAccessibilityIdentifierKey});
