@@ -2,6 +2,7 @@
 // GLib signals for fan-out, a futures-based coalescer, a hand-written switch
 // for the action life cycle, and GCancellable for cancellation.
 #include "Comparison.h"
+#include "SharedSides.h"
 
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVProactor.h"
@@ -182,7 +183,9 @@ Ref<OVStateMachine> lifeCycleMachine(std::int64_t& effects) {
 // benchmark counts one action per iteration.
 constexpr std::int64_t kCycle[] = {0, 2, 3, 6};
 
-void stateMachineAction(benchmark::State& state) {
+}  // namespace
+
+void stateMachineLifeCycle(benchmark::State& state) {
   std::int64_t effects = 0;
   auto machine = lifeCycleMachine(effects);
   Id actions[4];
@@ -191,6 +194,8 @@ void stateMachineAction(benchmark::State& state) {
   for (auto _ : state) machine->performAction_userInfo(actions[step++ & 3], nullptr);
   if (effects != static_cast<std::int64_t>(step)) state.SkipWithError("rules did not fire");
 }
+
+namespace {
 
 void switchAction(benchmark::State& state) {
   volatile std::int64_t stateValue = 0;
@@ -248,7 +253,7 @@ void gcancellableCancellation(benchmark::State& state) {
 
 FENNICK_COMPARISON(receptionist_fanout_vs_glib_signal, receptionistFanout, glibSignalFanout, .goal = 0.5);
 FENNICK_COMPARISON(proactor_coalescing_vs_futures, proactorCoalescing, futuresCoalescing, .goal = 0.5);
-FENNICK_COMPARISON(state_machine_vs_switch, stateMachineAction, switchAction, .goal = 0.1);
+FENNICK_COMPARISON(state_machine_vs_switch, stateMachineLifeCycle, switchAction, .goal = 0.1);
 FENNICK_COMPARISON(cancellation_token_vs_gcancellable, tokenCancellation, gcancellableCancellation, .goal = 1);
 
 }  // namespace fennick::bench

@@ -1,6 +1,7 @@
 // One property change delivered to one observer: key-value observation
 // against GObject's property notification.
 #include "Comparison.h"
+#include "SharedSides.h"
 
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Object.h"
@@ -43,7 +44,9 @@ class CallCounter : public Object {
 FENNICK_DEFINE_CLASS(Counter) { builder.observableProperty("value", &Counter::value, &Counter::setValue); }
 FENNICK_DEFINE_CLASS(CallCounter) {}
 
-void fennickNotify(benchmark::State& state) {
+}  // namespace
+
+void kvoNotifyOneObserver(benchmark::State& state) {
   auto counter = Counter::counter();
   auto observer = CallCounter::make_();
   counter->addObserver_forKeyPath_options_context(observer, "value", NSKeyValueObservingOptionNew, nullptr);
@@ -52,6 +55,8 @@ void fennickNotify(benchmark::State& state) {
   counter->removeObserver_forKeyPath(observer.get(), "value");
   if (observer->calls != n) state.SkipWithError("lost notifications");
 }
+
+namespace {
 
 // A GObject with one integer property.
 struct BenchCounter {
@@ -92,6 +97,6 @@ void glibNotify(benchmark::State& state) {
 
 }  // namespace
 
-FENNICK_COMPARISON(kvo_notify_vs_glib, fennickNotify, glibNotify, .goal = 1.5);
+FENNICK_COMPARISON(kvo_notify_vs_glib, kvoNotifyOneObserver, glibNotify, .goal = 1.5);
 
 }  // namespace fennick::bench

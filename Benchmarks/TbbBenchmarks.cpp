@@ -21,23 +21,17 @@ constexpr int kQueueCount = 1'000;
 constexpr int kBlocksPerQueue = 1'000;
 constexpr std::size_t kApplyItems = 10'000'000;
 
-// Both sides count their blocks: an arena does not promise to run its tasks
+// The TBB side counts its blocks: an arena does not promise to run its tasks
 // in order, so the task that brings the count to the end reports completion.
 class Completion {
  public:
-  void reset(int expected) {
-    expected_ = expected;
-    done_.store(false);
-  }
+  void reset() { done_.store(false); }
   void arrive() {
     done_.store(true, std::memory_order_release);
     done_.notify_one();
   }
   void wait() { done_.wait(false, std::memory_order_acquire); }
-  int expected() const { return expected_; }
-
  private:
-  int expected_ = 0;
   std::atomic<bool> done_{false};
 };
 
@@ -61,7 +55,7 @@ void serialAsyncTbb(benchmark::State& state) {
   Completion completion;
   for (auto _ : state) {
     ran.store(0);
-    completion.reset(kSerialBlocks);
+    completion.reset();
     for (int i = 0; i < kSerialBlocks; ++i) {
       arena.enqueue([&] {
         if (ran.fetch_add(1, std::memory_order_relaxed) + 1 == kSerialBlocks) completion.arrive();
@@ -80,27 +74,32 @@ struct Counted {
   std::atomic<int> ran{0};
 };
 
+// Feeds executor q its blocks through `submit(q, block)`, a round at a time
+// across all of them, and waits until each has run all of its blocks.
+template <class Submit>
+void feedRoundRobin(Counted* counters, Submit submit) {
+  std::atomic<int> queuesLeft{kQueueCount};
+  Completion completion;
+  for (int q = 0; q < kQueueCount; ++q) counters[q].ran.store(0);
+  for (int round = 0; round < kBlocksPerQueue; ++round) {
+    for (int q = 0; q < kQueueCount; ++q) {
+      submit(q, [&, counter = &counters[q]] {
+        if (counter->ran.fetch_add(1, std::memory_order_relaxed) + 1 == kBlocksPerQueue &&
+            queuesLeft.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+          completion.arrive();
+        }
+      });
+    }
+  }
+  completion.wait();
+}
+
 void manyQueuesFennick(benchmark::State& state) {
   std::vector<Ref<Queue>> queues;
   for (int i = 0; i < kQueueCount; ++i) queues.push_back(Queue::createSerial("bench.tbb.many"));
   auto counters = std::make_unique<Counted[]>(kQueueCount);
-  std::atomic<int> queuesLeft{0};
-  Completion completion;
   for (auto _ : state) {
-    queuesLeft.store(kQueueCount);
-    completion.reset(kQueueCount);
-    for (int q = 0; q < kQueueCount; ++q) counters[q].ran.store(0);
-    for (int round = 0; round < kBlocksPerQueue; ++round) {
-      for (int q = 0; q < kQueueCount; ++q) {
-        queues[q]->async([&, counter = &counters[q]] {
-          if (counter->ran.fetch_add(1, std::memory_order_relaxed) + 1 == kBlocksPerQueue &&
-              queuesLeft.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            completion.arrive();
-          }
-        });
-      }
-    }
-    completion.wait();
+    feedRoundRobin(counters.get(), [&](int q, auto block) { queues[q]->async(std::move(block)); });
   }
 }
 
@@ -108,23 +107,8 @@ void manyQueuesTbb(benchmark::State& state) {
   std::vector<std::unique_ptr<tbb::task_arena>> arenas;
   for (int i = 0; i < kQueueCount; ++i) arenas.push_back(std::make_unique<tbb::task_arena>(1, 0));
   auto counters = std::make_unique<Counted[]>(kQueueCount);
-  std::atomic<int> queuesLeft{0};
-  Completion completion;
   for (auto _ : state) {
-    queuesLeft.store(kQueueCount);
-    completion.reset(kQueueCount);
-    for (int q = 0; q < kQueueCount; ++q) counters[q].ran.store(0);
-    for (int round = 0; round < kBlocksPerQueue; ++round) {
-      for (int q = 0; q < kQueueCount; ++q) {
-        arenas[q]->enqueue([&, counter = &counters[q]] {
-          if (counter->ran.fetch_add(1, std::memory_order_relaxed) + 1 == kBlocksPerQueue &&
-              queuesLeft.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            completion.arrive();
-          }
-        });
-      }
-    }
-    completion.wait();
+    feedRoundRobin(counters.get(), [&](int q, auto block) { arenas[q]->enqueue(std::move(block)); });
   }
 }
 

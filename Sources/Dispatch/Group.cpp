@@ -58,10 +58,7 @@ void Group::notify(const Ref<Queue>& queue, Block block) {
 
 void Group::async(const Ref<Queue>& queue, Block block) {
   enter();
-  queue->async([group = shared_from_this(), block = std::move(block)]() mutable {
-    block();
-    group->leave();
-  });
+  internal::asyncInGroup(*queue, std::move(block), shared_from_this());
 }
 
 }  // namespace fennick::dispatch

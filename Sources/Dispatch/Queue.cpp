@@ -132,6 +132,12 @@ WorkItem* itemFor(Block block, const Queue& queue) {
 
 void Queue::async(Block block) { QueueCore::of(*this).enqueue(itemFor(std::move(block), *this), true); }
 
+void internal::asyncInGroup(Queue& queue, Block block, Ref<Group> group) {
+  WorkItem* item = itemFor(std::move(block), queue);
+  item->group = std::move(group);
+  QueueCore::of(queue).enqueue(item, true);
+}
+
 void Queue::barrierAsync(Block block) {
   QueueCore::of(*this).enqueueBarrier(itemFor(std::move(block), *this));
 }

@@ -5,6 +5,8 @@
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 
+#include <thread>
+
 namespace fennick {
 
 namespace {
@@ -54,67 +56,76 @@ void OVCancellationGroup::addCancellationHandler(std::function<void()> handler) 
 }
 
 void OVCancellationGroup::addChild(const Ref<OVCancellation>& child) {
+  if (!child) return;
+  enum class Then { nothing, checkChildren, cancelChild } then = Then::nothing;
   performBlock([&] {
-    if (!child) return;
     if (child->isCancelled()) {
-      if (cancelledChildren_->safeAddObject(child)) checkChildren();
-      return;
-    }
-    nonCancelledChildren_->addObject(child);
-    if (!isCancelled())
+      if (cancelledChildren_->safeAddObject(child)) then = Then::checkChildren;
+    } else if (isCancelled()) {
+      cancelledChildren_->addObject(child);
+      then = Then::cancelChild;
+    } else {
+      nonCancelledChildren_->addObject(child);
       receptionist_->startObservationOfObject_forKeyPath_target_action(
           child, "isCancelled", Object::self(), Selector::named("didChangeCancelledOfChild:newValue:"));
-    else
-      child->cancel();
+    }
   });
+  // Children and observers are other people's code: called with no lock held.
+  if (then == Then::checkChildren) checkChildren();
+  if (then == Then::cancelChild) child->cancel();
 }
 
 void OVCancellationGroup::didChangeCancelledOfChild_newValue(const Id& child, const Ref<Number>& value) {
   OVAssertOnQueue(internalQueue_);
-  Lock lock(mutex_);
   if (!value || !value->boolValue()) return;
   receptionist_->stopObservationOfObject_forKeyPath(child, "isCancelled");
   checkChildren();
 }
 
 void OVCancellationGroup::checkChildren() {
-  OVAssertOnQueue(internalQueue_);
-  Lock lock(mutex_);
-  if (suppressCheckChildren_) return;
-  suppressCheckChildren_ = true;
-  if (isCancelled()) {
-    cancelUncancelledChildren();
-  } else {
+  bool cancelGroup = false;
+  {
+    Lock lock(mutex_);
+    if (isCancelled()) return;
     for (const Id& child : nonCancelledChildren_->allObjects()->toVector()) {
       if (!std::static_pointer_cast<OVCancellation>(child)->isCancelled()) continue;
       nonCancelledChildren_->removeObject(child);
       cancelledChildren_->addObject(child);
     }
-    if (!cancelledChildren_->isEmpty() &&
-        (policy() == OVCancellationGroupPolicyAny || nonCancelledChildren_->isEmpty()))
-      cancelOnQueue();
+    cancelGroup = !cancelledChildren_->isEmpty() &&
+                  (policy() == OVCancellationGroupPolicyAny || nonCancelledChildren_->isEmpty());
   }
-  suppressCheckChildren_ = false;
+  if (cancelGroup) cancel();
 }
 
 void OVCancellationGroup::cancel() {
-  performBlock([this] { cancelOnQueue(); });
-}
-
-void OVCancellationGroup::cancelUncancelledChildren() {
-  const auto children = nonCancelledChildren_->allObjects()->toVector();
+  // One caller does the work. The others wait until the group reads as
+  // cancelled, except a re-entrant call from the working thread's own
+  // observers, which returns at once.
+  if (cancelling_.exchange(true, std::memory_order_acq_rel)) {
+    if (cancellingThread_.load(std::memory_order_acquire) != std::this_thread::get_id())
+      cancelled_.wait(false, std::memory_order_acquire);
+    return;
+  }
+  cancellingThread_.store(std::this_thread::get_id(), std::memory_order_release);
+  // Observers of isCancelled run here, with no lock of ours held.
+  changeValueForKey("isCancelled", [this] {
+    cancelled_.store(true, std::memory_order_release);
+    cancelled_.notify_all();
+  });
+  std::vector<Id> children;
+  std::vector<std::function<void()>> handlers;
+  {
+    // Children added from now on see the group cancelled and cancel
+    // themselves; those added before are in the set.
+    Lock lock(mutex_);
+    children = nonCancelledChildren_->allObjects()->toVector();
+    for (const Id& child : children) cancelledChildren_->addObject(child);
+    nonCancelledChildren_->removeAllObjects();
+    handlers = std::exchange(cancellationHandlers_, {});
+  }
   for (const Id& child : children) std::static_pointer_cast<OVCancellation>(child)->cancel();
-  for (const Id& child : children) cancelledChildren_->addObject(child);
-  nonCancelledChildren_->removeAllObjects();
-}
-
-void OVCancellationGroup::cancelOnQueue() {
-  OVAssertOnQueue(internalQueue_);
-  Lock lock(mutex_);
-  if (isCancelled()) return;
-  changeValueForKey("isCancelled", [this] { cancelled_.store(true, std::memory_order_release); });
-  cancelUncancelledChildren();
-  detail::runCancellationHandlers(std::exchange(cancellationHandlers_, {}));
+  detail::runCancellationHandlers(std::move(handlers));
 }
 
 }  // namespace fennick

@@ -4,9 +4,23 @@
 // cancels every child; a child's cancellation, observed through a receptionist
 // on the group's own queue, cancels the group as its policy says.
 //
-// Public operations run on the calling thread, under the group's recursive
-// lock, which the group's queue-bound steps take too: any thread may call
-// them at once. Handlers run on the global utility queue.
+// Thread safety: every public operation may be called from any thread at
+// once. The bookkeeping runs on the calling thread under the group's lock;
+// nothing outside the group (a child's cancel, an observer of isCancelled, a
+// handler) is ever called with that lock held, except inside performBlock,
+// which runs the caller's block under it.
+//
+// Asynchrony: a child's cancellation reaches its group asynchronously,
+// through the group's receptionist on the group's internal queue. Right after
+// a child's cancel() returns, the group may still read as not cancelled; add
+// a cancellation handler to the group to learn when it is. Cancelling the
+// group itself is synchronous: when cancel() returns, the group and every
+// child it had read as cancelled, and the handlers are on the utility queue.
+//
+// Lifetime: dropping the last reference stops observing the children and
+// cancels nothing. Child notifications already queued for the group find it
+// gone and do nothing; handlers already submitted to the utility queue still
+// run.
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVReceptionist.h"
@@ -14,6 +28,7 @@
 #include "fennick/Runtime/Set.h"
 
 #include <mutex>
+#include <thread>
 
 namespace fennick {
 
@@ -54,11 +69,10 @@ class OVCancellationGroup : public OVCancellation {
 
  private:
   void checkChildren();
-  void cancelOnQueue();
-  void cancelUncancelledChildren();
 
   std::atomic<bool> cancelled_{false};
-  bool suppressCheckChildren_ = false;
+  std::atomic<bool> cancelling_{false};
+  std::atomic<std::thread::id> cancellingThread_{};
   std::atomic<std::int64_t> policy_;
   Ref<Set> cancelledChildren_ = Set::set();
   Ref<Set> nonCancelledChildren_ = Set::set();

@@ -1,9 +1,14 @@
 #include "fennick/Helpers/OVReceptionist.h"
 
+#include "fennick/Dispatch/Main.h"
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Helpers/Internal/DeferredReceptionistCalls.h"
 #include "fennick/Helpers/OVObjectHolder.h"
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
+
+#include <atomic>
+#include <chrono>
 
 namespace fennick {
 
@@ -112,6 +117,31 @@ void OVReceptionist::stopAllObservationOfObject(const Id& object) {
 
 void OVReceptionist::stopAllObservations() { runRequest(OVReceptionistStopSubscriptionRequest::request()); }
 
+namespace {
+
+bool drainsOnMainThread(Ref<dispatch::Queue> queue) {
+  const Ref<dispatch::Queue> main = dispatch::mainQueue();
+  for (; queue; queue = queue->target())
+    if (queue == main) return true;
+  return false;
+}
+
+}  // namespace
+
+void OVReceptionist::waitForPendingRequests() {
+  if (!internalQueue_) return;
+  if (!dispatch::isMainThread() || !drainsOnMainThread(internalQueue_)) {
+    if (!internalQueue_->isCurrent()) internalQueue_->sync([] {});
+    return;
+  }
+  // The main thread counts as holding the main queue: serve it instead.
+  auto done = std::make_shared<std::atomic<bool>>(false);
+  internalQueue_->async([done] { done->store(true, std::memory_order_release); });
+  while (!dispatch::runMainQueueUntil([&] { return done->load(std::memory_order_acquire); },
+                                      std::chrono::hours(1))) {
+  }
+}
+
 void OVReceptionist::performRequest(const Ref<OVReceptionistSubscriptionRequest>& request) {
   if (!request) return;
   submitRequest(std::static_pointer_cast<OVReceptionistSubscriptionRequest>(request->copy()));
@@ -124,6 +154,13 @@ void OVReceptionist::startObservationWithInfo_object(const Ref<OVReceptionistSub
   std::lock_guard lock(*lock_);
   const Ref<OVObjectHolder>& holder = info->observedObjectHolder();
   auto handling = OVReceptionistHandlingInfo::dynamicCastObject(handlingInfosByHolder_->objectForKey(holder));
+  if (handling && !handling->isHandlingObject(object)) {
+    // The record of an object that died without a stop, whose address the
+    // new object now has: its registrations died with that object.
+    handling->stopObservationWithInfo_holder(OVReceptionistSubscriptionInfo::info(), holder);
+    handlingInfosByHolder_->removeObjectForKey(holder);
+    handling = nullptr;
+  }
   if (!handling) {
     handling = OVReceptionistHandlingInfo::initWithObjectHolder_externalQueue_internalQueue(
         holder, externalQueue_, internalQueue_);

@@ -10,9 +10,29 @@
 // With initWithInternalQueue: the bookkeeping runs on the owner's queue and
 // changes are delivered there. With initWithConcurrentQueue: the bookkeeping
 // runs on a private serial queue targeting the given queue, and changes are
-// delivered asynchronously on the given queue. Start and stop operations
-// return at once; they take effect in submission order. The synthetic first
-// call of a subscription that asks for one is made on the internal queue.
+// delivered asynchronously on the given queue. The synthetic first call of a
+// subscription that asks for one is made on the internal queue.
+//
+// Thread safety: every method may be called from any thread.
+//
+// Starts and stops are asynchronous (with a queue): they return at once and
+// take effect in submission order. A change made before a start has taken
+// effect is not delivered; the initial invocation, when asked for, is the
+// first call after the observation is in place. waitForPendingRequests()
+// blocks until everything submitted before it has taken effect.
+//
+// Stops: once a stop has taken effect (stopAllObservations() and the
+// destructor at once, the others when their turn on the internal queue
+// comes), no subscription it covers is called again, including deliveries
+// already queued. Only a call that has already begun may still be running.
+//
+// Lifetime: each pending start or stop holds the receptionist until it has
+// run; when the last reference goes, every observation is removed
+// synchronously. Subscriptions hold their targets weakly and their blocks
+// strongly: a block must not hold its own receptionist.
+//
+// Errors: requests for nil objects or key paths, and target/action requests
+// whose target answers no suitable selector, start nothing; nothing throws.
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVReceptionist+Advanced.h"
 #include "fennick/Runtime/Object.h"
@@ -58,6 +78,12 @@ class OVReceptionist : public Object {
   void stopAllObservationOfObject(const Id& object);
   /// Stops everything, at once, on the calling thread.
   void stopAllObservations();
+  /// Blocks until every start and stop submitted before the call has taken
+  /// effect. Safe from any thread, the main thread included: when the
+  /// internal queue drains on the main thread, the main queue is served
+  /// meanwhile (so it must not be called from a main-queue block then, which
+  /// aborts). Returns at once without a queue and on the internal queue.
+  void waitForPendingRequests();
   /// Runs a copy of the request asynchronously on the internal queue.
   void performRequest(const Ref<OVReceptionistSubscriptionRequest>& request);
   /// Runs the block inline without an internal queue, else on it, synchronously or not.

@@ -1,9 +1,9 @@
 #include "fennick/Helpers/OVStateMachine.h"
 
-#include <array>
-
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <vector>
 
 namespace fennick {
@@ -77,21 +77,6 @@ OVStateMachineTransition::OVStateMachineTransition(Ref<UUID> handle, Id action, 
       actionHash_(action_ ? action_->hash() : 0),
       fromStateHash_(fromState_ ? fromState_->hash() : 0) {}
 
-bool OVStateMachineTransition::matches(const Id& action, std::size_t actionHash, const Id& state,
-                                       std::size_t stateHash) const {
-  if (action_ && (actionHash != actionHash_ || !action)) return false;
-  if (fromState_ && (stateHash != fromStateHash_ || !state)) return false;
-  return matches(action, state);
-}
-
-bool OVStateMachineTransition::matches(const Id& action, const Id& state) const {
-  // Identical objects first: small numbers and interned strings usually are.
-  auto same = [](const Id& mine, const Id& theirs) {
-    return !mine || mine == theirs || (theirs && mine->isEqual(theirs.get()));
-  };
-  return same(action_, action) && same(fromState_, state);
-}
-
 bool OVStateMachineTransition::isEqual(const Object* other) const {
   if (other == this) return true;
   if (!other || other->objectClass() != objectClass()) return false;
@@ -130,23 +115,28 @@ Selector OVStateMachineTarget::infoSelectorForAction(std::string_view action) {
 
 namespace {
 
-using Callback = std::function<void(const Ref<OVStateMachineTransitionInfo>&)>;
-
-// A callback found while scanning the rules, run once the state has moved.
-// The rule is kept alive so that its handler may be called even if a callback
-// removes the rule first.
+// A callback found while scanning the rules, run once the state has moved:
+// the rule's handler, or else a target method named after the action, called
+// with the info or with its userInfo. The rule stays alive through the rule
+// list that the action scans.
 struct PendingCallback {
-  Ref<OVStateMachineTransition> rule;
-  Callback byName;  // for rules without a handler: the target method
-  const Callback& callback() const { return rule->handler() ? rule->handler() : byName; }
+  const OVStateMachineTransition* rule = nullptr;
+  const Method* method = nullptr;
+  bool passesUserInfo = false;
+
+  void run(const Ref<OVStateMachineTransitionInfo>& info) const {
+    if (rule->handler()) return rule->handler()(info);
+    const Id argument = passesUserInfo ? Id(info->userInfo()) : Id(info);
+    method->implementation(*info->target(), &argument);
+  }
 };
 
 // Most actions match one or two rules: keep them without allocating.
 class PendingCallbacks {
  public:
-  void push(PendingCallback entry) {
-    if (size_ < kInline) inline_[size_] = std::move(entry);
-    else spill_.push_back(std::move(entry));
+  void push(const PendingCallback& entry) {
+    if (size_ < kInline) inline_[size_] = entry;
+    else spill_.push_back(entry);
     ++size_;
   }
   std::size_t size() const { return size_; }
@@ -159,27 +149,59 @@ class PendingCallbacks {
   std::size_t size_ = 0;
 };
 
-// The target method a rule without a handler reaches through a string
-// action, looked up now and called later through its implementation with one
-// argument: the info, or the info's userInfo.
-Callback targetCallback(const Id& target, const Id& action) {
-  auto* name = dynamic_cast<const String*>(action.get());
-  if (!target || !name || name->isEmpty()) return nullptr;
-  const Class* cls = target->objectClass();
-  if (const Method* method =
-          cls->methodForSelector(OVStateMachineTarget::transitionInfoSelectorForAction(name->view())))
-    return [target, method](const Ref<OVStateMachineTransitionInfo>& info) {
-      const Id argument = info;
-      method->implementation(*target, &argument);
-    };
-  if (const Method* method =
-          cls->methodForSelector(OVStateMachineTarget::infoSelectorForAction(name->view())))
-    return [target, method](const Ref<OVStateMachineTransitionInfo>& info) {
-      const Id argument = info->userInfo();
-      method->implementation(*target, &argument);
-    };
-  return nullptr;
-}
+// The target method that a rule without a handler reaches through a string
+// action: "<action>WithTransitionInfo:" (given the info), else
+// "<action>WithInfo:" (given the userInfo). Looked up once per action.
+class TargetMethods {
+ public:
+  TargetMethods(const Id& target, const Id& action) : target_(target), action_(action) {}
+
+  PendingCallback callbackFor(const OVStateMachineTransition* rule) {
+    if (rule->handler()) return {rule};
+    if (!looked_) lookUp();
+    return {rule, method_, passesUserInfo_};
+  }
+
+ private:
+  void lookUp() {
+    looked_ = true;
+    auto* name = dynamic_cast<const String*>(action_.get());
+    if (!target_ || !name || name->isEmpty()) return;
+    const Class* cls = target_->objectClass();
+    method_ = cls->methodForSelector(OVStateMachineTarget::transitionInfoSelectorForAction(name->view()));
+    if (method_) return;
+    method_ = cls->methodForSelector(OVStateMachineTarget::infoSelectorForAction(name->view()));
+    passesUserInfo_ = true;
+  }
+
+  const Id& target_;
+  const Id& action_;
+  bool looked_ = false;
+  const Method* method_ = nullptr;
+  bool passesUserInfo_ = false;
+};
+
+// Compares a rule's member with the performed value: identical objects first
+// (small numbers and interned strings usually are), then the hashes, which
+// are computed once per action and only when needed, then equality.
+class MatchKey {
+ public:
+  explicit MatchKey(const Id& value) : value_(value) {}
+  bool accepts(const Id& mine, std::size_t mineHash) {
+    if (!mine || mine == value_) return true;
+    if (!value_) return false;
+    if (!hashed_) {
+      hash_ = value_->hash();
+      hashed_ = true;
+    }
+    return hash_ == mineHash && mine->isEqual(value_.get());
+  }
+
+ private:
+  const Id& value_;
+  bool hashed_ = false;
+  std::size_t hash_ = 0;
+};
 
 }  // namespace
 
@@ -190,7 +212,7 @@ FENNICK_DEFINE_CLASS(OVStateMachine) {
 }
 
 OVStateMachine::OVStateMachine(const Id& target, Id state)
-    : target_(target), state_(std::move(state)), transitions_(Array::array()) {}
+    : target_(target), state_(std::move(state)), rules_(std::make_shared<Rules>()) {}
 
 Ref<OVStateMachine> OVStateMachine::init() { return initWithTarget_initialState(nullptr, nullptr); }
 
@@ -199,14 +221,25 @@ Ref<OVStateMachine> OVStateMachine::initWithTarget_initialState(const Id& target
   return make<OVStateMachine>(target, copyOrNil(initialState));
 }
 
-Ref<Array> OVStateMachine::transitions() const { return Array::castObject(transitions_->copy()); }
+Ref<Array> OVStateMachine::transitions() const {
+  auto list = Array::arrayWithCapacity(rules_->size());
+  for (const auto& rule : *rules_) list->addObject(rule);
+  list->makeImmutable();
+  return list;
+}
+
+OVStateMachine::Rules& OVStateMachine::rulesForWriting() {
+  // Only a scan in progress shares the list; the machine is not thread-safe,
+  // so the count cannot change under us.
+  if (rules_.use_count() > 1) rules_ = std::make_shared<Rules>(*rules_);
+  return *rules_;
+}
 
 Ref<UUID> OVStateMachine::addTransitionOnAction_fromState_toState_handler(
     const Id& action, const Id& fromState, const Id& toState, OVStateMachineHandler handler) {
   Ref<UUID> handle = UUID::init();
-  transitions_->addObject(make<OVStateMachineTransition>(handle, copyOrNil(action),
-                                                         copyOrNil(fromState), copyOrNil(toState),
-                                                         std::move(handler)));
+  rulesForWriting().push_back(make<OVStateMachineTransition>(handle, copyOrNil(action), copyOrNil(fromState),
+                                                             copyOrNil(toState), std::move(handler)));
   return handle;
 }
 
@@ -220,13 +253,12 @@ Ref<Array> OVStateMachine::addTransitionOnAction_fromStates_toState_handler(
 }
 
 bool OVStateMachine::removeTransitionWithHandle(const Id& handle) {
-  std::size_t found = NSNotFound;
-  transitions_->enumerateObjectsUsingBlock([&](const Id& rule, std::size_t index, bool& stop) {
-    stop = isEqualObject_toObject(OVStateMachineTransition::castObject(rule)->handle(), handle);
-    if (stop) found = index;
-  });
-  if (found == NSNotFound) return false;
-  transitions_->removeObjectAtIndex(found);
+  auto found = std::find_if(rules_->begin(), rules_->end(),
+                            [&](const auto& rule) { return isEqualObject_toObject(rule->handle(), handle); });
+  if (found == rules_->end()) return false;
+  const auto index = found - rules_->begin();
+  auto& rules = rulesForWriting();
+  rules.erase(rules.begin() + index);
   return true;
 }
 
@@ -241,21 +273,26 @@ void OVStateMachine::performAction_userInfo(const Id& action, const Ref<Dictiona
   const bool notifiesTarget =
       target && target->respondsToSelector(OVStateMachineTarget::didPerformTransitonSelector());
 
-  // The scan finishes before any callback runs, so callbacks may change the
-  // rules freely; a change made during the scan (from another thread) raises.
+  // The scan finishes before any callback runs, and walks a list that later
+  // changes do not touch, so callbacks may change the rules freely.
+  const std::shared_ptr<const Rules> rules = rules_;
   PendingCallbacks pending;
-  const std::size_t actionHash = info->action_ ? info->action_->hash() : 0;
-  const std::size_t stateHash = info->fromState_ ? info->fromState_->hash() : 0;
-  for (const Id& object : *transitions_) {
-    auto* rule = static_cast<OVStateMachineTransition*>(object.get());
-    if (!rule->matches(info->action_, actionHash, info->fromState_, stateHash)) continue;
-    if (rule->toState()) info->toState_ = rule->toState();
-    Callback byName = rule->handler() ? nullptr : targetCallback(target, info->action_);
-    if (!rule->handler() && !byName) continue;
-    pending.push({std::static_pointer_cast<OVStateMachineTransition>(object), std::move(byName)});
+  MatchKey actionKey(info->action_), stateKey(info->fromState_);
+  TargetMethods methods(target, info->action_);
+  const OVStateMachineTransition* destination = nullptr;
+  for (const auto& rule : *rules) {
+    if (!actionKey.accepts(rule->action(), rule->actionHash_) ||
+        !stateKey.accepts(rule->fromState(), rule->fromStateHash_))
+      continue;
+    if (rule->toState()) destination = rule.get();
+    PendingCallback callback = methods.callbackFor(rule.get());
+    if (callback.rule->handler() || callback.method) pending.push(callback);
   }
 
-  if (info->toState_) state_ = info->toState_;
+  if (destination) {
+    info->toState_ = destination->toState();
+    if (state_ != info->toState_) state_ = info->toState_;
+  }
 
   // Each callback gets its own copy, made when it runs, so that it sees the new
   // state and the whole action's destination under its own handle. When the
@@ -263,9 +300,10 @@ void OVStateMachine::performAction_userInfo(const Id& action, const Ref<Dictiona
   // so the last callback may have it.
   for (std::size_t i = 0; i < pending.size(); ++i) {
     const bool lastUse = !notifiesTarget && i + 1 == pending.size();
-    auto own = lastUse ? info : OVStateMachineTransitionInfo::castObject(info->copy());
+    auto own = lastUse ? std::move(info) : OVStateMachineTransitionInfo::castObject(info->copy());
     own->handle_ = pending[i].rule->handle();
-    pending[i].callback()(own);
+    pending[i].run(own);
+    if (lastUse) return recycle(std::move(own));
   }
 
   if (!notifiesTarget) return recycle(std::move(info));
@@ -284,7 +322,7 @@ void OVStateMachine::recycle(Ref<OVStateMachineTransitionInfo> info) {
 
 std::string OVStateMachine::description() const {
   return fmt::format("<OVStateMachine: {} state {}, {} transitions>", static_cast<const void*>(this),
-                     describe(state_), transitions_->count());
+                     describe(state_), rules_->size());
 }
 
 }  // namespace fennick

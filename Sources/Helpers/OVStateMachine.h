@@ -11,9 +11,17 @@
 // "startWithTransitionInfo:" (called with the info) or, failing that,
 // "startWithInfo:" (called with the action's userInfo dictionary).
 //
-// Threading: none. The machine takes no locks and owns no queue; every
-// operation and every callback runs synchronously on the calling thread, and
-// the owner serialises access (one queue or one thread per machine).
+// Threading: not thread-safe. The machine takes no locks and owns no queue;
+// every operation and every callback runs synchronously on the calling
+// thread, and the owner serialises access (one queue or one thread per
+// machine; the proactor drives its actions' machines on its internal queue).
+// Since it owns no queue, no call is barred from any queue: callbacks may add
+// and remove rules and perform nested actions on the machine itself.
+//
+// Errors: none. An action that matches no rule leaves the state as it is;
+// removing an unknown handle answers false. Exceptions thrown by callbacks or
+// target methods propagate to the caller of performAction_userInfo, and the
+// callbacks after the throwing one do not run (the state has already moved).
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Dictionary.h"
@@ -22,6 +30,7 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 namespace fennick {
 
@@ -95,11 +104,6 @@ class OVStateMachineTransition : public Object {
   /// The destination; nil leaves the state as it is.
   const Id& toState() const noexcept { return toState_; }
   const OVStateMachineHandler& handler() const noexcept { return handler_; }
-  /// Whether the rule applies to `action` performed in `state`.
-  bool matches(const Id& action, const Id& state) const;
-  /// The same, given the hashes of action and state: rules whose hashes
-  /// differ are rejected without an equality test.
-  bool matches(const Id& action, std::size_t actionHash, const Id& state, std::size_t stateHash) const;
 
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;
@@ -110,6 +114,7 @@ class OVStateMachineTransition : public Object {
                            OVStateMachineHandler handler);
 
  private:
+  friend class OVStateMachine;  // scans with the hashes kept below
   Ref<UUID> handle_;
   Id action_;
   Id fromState_;
@@ -215,12 +220,18 @@ class OVStateMachine : public Object {
   OVStateMachine(const Id& target, Id state);
 
  private:
+  using Rules = std::vector<Ref<OVStateMachineTransition>>;
+  // The rules are shared with the actions scanning them and copied on write:
+  // a callback that adds or removes a rule leaves the list that its own
+  // action walks untouched, and that list keeps every rule it holds alive.
+  Rules& rulesForWriting();
+  void recycle(Ref<OVStateMachineTransitionInfo> info);
+
   std::weak_ptr<Object> target_;
   Id state_;
   // An info that no callback kept, cleared and ready for the next action.
   Ref<OVStateMachineTransitionInfo> spareInfo_;
-  void recycle(Ref<OVStateMachineTransitionInfo> info);
-  Ref<Array> transitions_;
+  std::shared_ptr<Rules> rules_;
 };
 
 }  // namespace fennick

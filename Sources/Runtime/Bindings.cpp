@@ -31,13 +31,8 @@ class BindingObserver : public Object {
 
  public:
   ~BindingObserver() override {
-    Id observable = observable_.lock();
-    if (!observable) return;
-    try {
-      observable->removeObserver_forKeyPath(this, keyPath_);
-    } catch (const Exception&) {
-      // Already gone with the observed object's own records.
-    }
+    // The registration may already be gone with the observed object's records.
+    if (Id observable = observable_.lock()) observable->removeObserverIfRegistered_forKeyPath(this, keyPath_);
   }
 
   Id observable() const { return observable_.lock(); }

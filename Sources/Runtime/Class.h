@@ -78,6 +78,13 @@ class Class {
   /// A blank instance for a decoder to fill; nullptr for classes without coding.
   Id allocateForDecoding() const;
 
+  /// Makes the class's reflection (an OVClassReflection of the helpers layer,
+  /// which owns the cache): the class's static makeReflection(), inherited by
+  /// subclasses that declare none; nullptr when no class up the chain
+  /// declares one.
+  using ReflectionMaker = Id (*)();
+  ReflectionMaker reflectionMaker() const noexcept { return reflectionMaker_; }
+
   /// The class registered under a name or archive name, or nullptr. Classes
   /// register when first used; FENNICK_REGISTER_CLASS registers at load.
   static const Class* named(std::string_view name);
@@ -98,6 +105,7 @@ class Class {
   detail::StringMap<std::vector<std::string>> dependencies_;
   std::function<Id()> allocator_;
   bool secureCoding_ = false;
+  ReflectionMaker reflectionMaker_ = nullptr;
 };
 
 namespace detail {

@@ -69,6 +69,8 @@ class ClassBuilder {
   static const Class* build(const char* name) {
     auto* cls = new Class(name, T::Superclass::staticClass());
     ClassBuilder builder(*cls);
+    if constexpr (requires { T::makeReflection(); })
+      cls->reflectionMaker_ = []() -> Id { return T::makeReflection(); };
     T::describeClass(builder);
     detail::registerClass(cls, cls->archiveAliases_);
     return cls;

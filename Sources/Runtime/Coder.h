@@ -13,7 +13,10 @@
 
 namespace fennick {
 
+class Array;
 class Error;
+class Number;
+class String;
 
 /// Classes allowed by a secure decode.
 using ClassList = std::vector<const Class*>;
@@ -59,6 +62,28 @@ class Coder {
   virtual std::vector<Id> decodeArrayOfObjectsForKey(std::string_view key);
   /// Stops decoding with an error; later decodes answer nil.
   virtual void failWithError(const Ref<Error>& error);
+
+  // Coding by selector ----------------------------------------------------------
+  // Properties are often named by their getter's selector; these operations
+  // take the selector and code under its key.
+  /// The archive key of a selector: its name unchanged, colons included. Every
+  /// operation below goes through it, so a subclass changes the rule here.
+  virtual std::string ov_keyFromSelector(Selector selector) const;
+  void ov_encodeObject_forSelector(const Id& object, Selector selector);
+  void ov_encodeConditionalObject_forSelector(const Id& object, Selector selector);
+  Id ov_decodeObjectOfClass_forSelector(const Class* cls, Selector selector);
+  Id ov_decodeObjectOfClasses_forSelector(const ClassList& classes, Selector selector);
+  /// Decoded with the class String (or Number); a value of another class
+  /// fails the decode as decodeObjectOfClass_forKey does.
+  Ref<String> ov_decodeStringForSelector(Selector selector);
+  Ref<Number> ov_decodeNumberForSelector(Selector selector);
+  /// A container whose members may be of the element classes.
+  Id ov_decodeContainerOfClass_objectClass_forSelector(const Class* container, const Class* element,
+                                                       Selector selector);
+  Id ov_decodeContainerOfClass_objectClasses_forSelector(const Class* container, const ClassList& elements,
+                                                         Selector selector);
+  Ref<Array> ov_decodeArrayWithObjectClass_forSelector(const Class* element, Selector selector);
+  Ref<Array> ov_decodeArrayWithObjectClasses_forSelector(const ClassList& elements, Selector selector);
 
  protected:
   [[noreturn]] void unsupported(const char* operation) const;

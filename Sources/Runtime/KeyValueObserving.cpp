@@ -8,6 +8,14 @@
 // observation. A did-change re-links the part of the chain behind the changed
 // link, so that dotted paths follow replaced intermediate objects.
 //
+// Locking: the owner's mutex guards the shape of the node tree (next links,
+// dependencies, attachment) and nothing else. Getters are user code, so they
+// are never called under it: a re-link reads the link's generation under the
+// lock, reads the value with no lock held, and commits only if no other
+// re-link of that link committed in between (otherwise it reads again). A
+// node's trigger is in place before the value behind it is read, so a change
+// racing with the read re-links the node itself.
+//
 // Old values are read at will-change time and kept on a per-thread stack of
 // pending changes until the matching did-change, so several changes may nest.
 // Observers are called with no lock held: they may add and remove
@@ -22,29 +30,44 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 
 namespace fennick {
 namespace detail {
 
-struct PathNode {
-  WeakRef<Observation> owner;
-  PathNode* parent = nullptr;
-  bool isDependency = false;  // reached through a declared dependency of the parent's key
-  WeakRef<Object> object;
-  std::string key;
-  std::string rest;  // components after `key`, empty at the end of the path
+struct PathNode : std::enable_shared_from_this<PathNode> {
+  PathNode(const Ref<Observation>& owner, PathNode* parent, bool isDependency, const Id& object,
+           std::string_view key, std::string_view rest)
+      : owner(owner),
+        parent(parent),
+        isDependency(isDependency),
+        object(object),
+        key(key),
+        rest(rest),
+        pathChangeRelinks(parent && (isDependency ? parent->keyChangeRelinks : parent->pathChangeRelinks)),
+        keyChangeRelinks(!this->rest.empty() || pathChangeRelinks) {}
+
+  const WeakRef<Observation> owner;
+  // Read only under the owner's mutex, while this node is attached: detaching
+  // marks a whole subtree before any of it is freed.
+  PathNode* const parent;
+  const bool isDependency;  // reached through a declared dependency of the parent's key
+  const WeakRef<Object> object;
+  const std::string key;
+  const std::string rest;  // components after `key`, empty at the end of the path
+  // Decided once, here: whether a change of this node's path value, or of its
+  // own key, can replace objects somewhere in the chain. A change of a node's
+  // key replaces what follows it; a change of its path changes its parent's
+  // key when it is a dependency of the parent, and its parent's path always.
+  const bool pathChangeRelinks;
+  const bool keyChangeRelinks;
+
+  // Guarded by the owner's mutex.
   std::vector<Ref<PathNode>> dependencies;
   Ref<PathNode> next;
+  std::uint64_t linkGeneration = 0;
   // Written under the owner's mutex; read without it on the change path.
   std::atomic<bool> attached{false};
-
-  // Whether a change reaching this node can replace objects further down the
-  // chain (so that the chain must be re-linked under the owner's mutex).
-  bool mayRelink() const {
-    for (const PathNode* link = this; link; link = link->parent)
-      if (!link->rest.empty()) return true;
-    return false;
-  }
 };
 
 struct Observation : std::enable_shared_from_this<Observation> {
@@ -62,7 +85,7 @@ struct Observation : std::enable_shared_from_this<Observation> {
   bool wants(std::uint64_t option) const { return (options & option) != 0; }
   bool isActive() const { return active.load(std::memory_order_acquire); }
   void deliver(const Id& object, const Ref<Dictionary>& change);
-  void detach();
+  void detach() noexcept;
 };
 
 namespace {
@@ -92,58 +115,41 @@ std::pair<std::string_view, std::string_view> splitFirstComponent(std::string_vi
   return {path.substr(0, dot), path.substr(dot + 1)};
 }
 
-Ref<Dictionary> makeChange(std::size_t capacity) {
-  auto change = Dictionary::dictionaryWithCapacity(capacity);
-  change->setObject_forKey(Number::numberWithInteger(NSKeyValueChangeSetting), kindKey());
+// A change dictionary, frozen once filled so that every receiver shares it:
+// copying a frozen dictionary returns it as it is.
+Ref<Dictionary> makeChange(const Id& newValue, const Id& oldValue, bool prior) {
+  static const Id& setting = *new Id(Number::numberWithInteger(NSKeyValueChangeSetting));
+  auto change = Dictionary::dictionaryWithCapacity(3);
+  change->setObject_forKey(setting, kindKey());
+  if (prior) change->setObject_forKey(Number::numberWithBool(true), priorKey());
+  if (newValue) change->setObject_forKey(newValue, newKey());
+  if (oldValue) change->setObject_forKey(oldValue, oldKey());
+  change->makeImmutable();
   return change;
 }
 
-void attach(const Ref<PathNode>& node);
-void detachNode(PathNode& node);
-
 Ref<PathNode> makeNode(const Ref<Observation>& owner, PathNode* parent, bool isDependency,
                        const Id& object, std::string_view path) {
-  auto node = std::make_shared<PathNode>();
-  node->owner = owner;
-  node->parent = parent;
-  node->isDependency = isDependency;
-  node->object = object;
   auto [key, rest] = splitFirstComponent(path);
-  node->key = key;
-  node->rest = rest;
-  return node;
+  return std::make_shared<PathNode>(owner, parent, isDependency, object, key, rest);
 }
 
-// The value that follows `node` in the chain, read from its object.
-Id valueBehind(const PathNode& node) {
-  Id object = node.object.lock();
-  return object ? object->valueForKey(node.key) : nullptr;
-}
-
-void linkNext(PathNode& node, const Ref<Observation>& owner) {
-  if (node.rest.empty()) return;
-  if (Id value = valueBehind(node)) {
-    node.next = makeNode(owner, &node, false, value, node.rest);
-    attach(node.next);
-  }
-}
-
-// Called with the owner's mutex held.
-void attach(const Ref<PathNode>& node) {
+// Puts the node's trigger, and those of the dependencies its class declares
+// for the key, in place. Calls no user code. Called with the owner's mutex held.
+void attachNode(const Ref<PathNode>& node, const Ref<Observation>& owner) {
   Id object = node->object.lock();
-  Ref<Observation> owner = node->owner.lock();
-  if (!object || !owner) return;
+  if (!object) return;
   SideTable::of(*object).addTrigger(node->key, node);
   node->attached = true;
   for (const std::string& path : object->objectClass()->keyPathsForValuesAffectingKey(node->key)) {
     node->dependencies.push_back(makeNode(owner, node.get(), true, object, path));
-    attach(node->dependencies.back());
+    attachNode(node->dependencies.back(), owner);
   }
-  linkNext(*node, owner);
 }
 
-// Called with the owner's mutex held.
-void detachNode(PathNode& node) {
+// Takes the subtree out of the side tables and marks it detached, before any
+// of it can be freed. Called with the owner's mutex held.
+void detachNode(PathNode& node) noexcept {
   if (!node.attached) return;
   node.attached = false;
   for (const Ref<PathNode>& dependency : node.dependencies) detachNode(*dependency);
@@ -154,22 +160,73 @@ void detachNode(PathNode& node) {
     if (SideTable* table = SideTable::find(*object)) table->removeTrigger(node.key, &node);
 }
 
-void relinkNext(PathNode& node, const Ref<Observation>& owner) {
-  if (node.rest.empty()) return;
-  if (node.next) detachNode(*node.next);
-  node.next.reset();
-  linkNext(node, owner);
+// The value that follows `node` in the chain, read from its object: a getter,
+// called with no lock held.
+Id valueBehind(const PathNode& node) {
+  Id object = node.object.lock();
+  return object ? object->valueForKey(node.key) : nullptr;
+}
+
+void extend(const Ref<PathNode>& node, const Ref<Observation>& owner);
+
+// Makes node.next follow the current value behind the node.
+void relinkNext(const Ref<PathNode>& node, const Ref<Observation>& owner) {
+  for (;;) {
+    std::uint64_t seen;
+    {
+      std::lock_guard lock(owner->mutex);
+      if (!node->attached) return;
+      seen = node->linkGeneration;
+    }
+    const Id value = valueBehind(*node);
+    Ref<PathNode> fresh, stale;
+    {
+      std::lock_guard lock(owner->mutex);
+      if (!node->attached) return;
+      if (node->linkGeneration != seen) continue;  // another re-link committed meanwhile
+      if (node->next ? value && node->next->object.lock() == value : !value) return;
+      stale = std::move(node->next);
+      if (stale) detachNode(*stale);
+      if (value) {
+        fresh = makeNode(owner, node.get(), false, value, node->rest);
+        attachNode(fresh, owner);
+        node->next = fresh;
+      }
+      ++node->linkGeneration;
+    }
+    if (fresh) extend(fresh, owner);
+    return;
+  }
+}
+
+// Builds what hangs below a node whose trigger is in place: its next link
+// and those of its dependencies, recursively.
+void extend(const Ref<PathNode>& node, const Ref<Observation>& owner) {
+  if (!node->rest.empty()) relinkNext(node, owner);
+  std::vector<Ref<PathNode>> dependencies;
+  {
+    std::lock_guard lock(owner->mutex);
+    if (!node->attached) return;
+    dependencies = node->dependencies;
+  }
+  for (const Ref<PathNode>& dependency : dependencies) extend(dependency, owner);
 }
 
 // A change reached `node`: re-link every chain link whose value may now be a
-// different object. A change of a node's own key (or of a key path its key
-// depends on) replaces what follows it; a change further down does not.
-void relinkAfterChange(PathNode& node, const Ref<Observation>& owner) {
-  bool ownKeyChanged = true;
-  for (PathNode* link = &node; link; link = link->parent) {
-    if (ownKeyChanged) relinkNext(*link, owner);
-    ownKeyChanged = link->isDependency;
+// different object. Answers false when the node is no longer attached.
+bool relinkAfterChange(const Ref<PathNode>& node, const Ref<Observation>& owner) {
+  std::vector<Ref<PathNode>> links;
+  {
+    std::lock_guard lock(owner->mutex);
+    if (!owner->isActive() || !node->attached) return false;
+    bool keyChanged = true;
+    for (PathNode* link = node.get(); link; link = link->parent) {
+      if (keyChanged && !link->rest.empty()) links.push_back(link->shared_from_this());
+      keyChanged = link->isDependency;
+    }
   }
+  for (const Ref<PathNode>& link : links) relinkNext(link, owner);
+  return true;
 }
 
 // -- Pending changes, per thread ------------------------------------------------
@@ -192,30 +249,40 @@ class OldValues {
 };
 
 struct PendingChange {
-  const Object* object;
+  // The object by identity: the weak reference tells a live object from a
+  // dead one whose address a new object has taken.
+  const Object* address = nullptr;
+  WeakRef<const Object> object;
   std::string key;
   Ref<const TriggerList> triggers;
   OldValues oldValues;
+
+  bool isFor(const Object* candidate, std::string_view candidateKey) const {
+    return address == candidate && key == candidateKey && !object.expired();
+  }
 };
 
 struct PendingStack {
   std::vector<PendingChange> changes;
 
-  // The most recent pending change of this object's key; an empty one when a
-  // did comes without its will.
+  // The most recent pending change of this object's key, taken off the stack;
+  // an empty one when a did comes without its will.
   PendingChange take(const Object* object, std::string_view key) {
-    if (!changes.empty() && changes.back().object == object && changes.back().key == key) {
-      PendingChange change = std::move(changes.back());  // the usual, nested case
-      changes.pop_back();
-      return change;
-    }
     for (std::size_t i = changes.size(); i-- > 0;) {
-      if (changes[i].object != object || changes[i].key != key) continue;
+      if (!changes[i].isFor(object, key)) continue;
       PendingChange change = std::move(changes[i]);
       changes.erase(changes.begin() + static_cast<std::ptrdiff_t>(i));
+      dropDead();
       return change;
     }
-    return PendingChange{object, std::string(key), nullptr, {}};
+    dropDead();
+    return PendingChange{};
+  }
+
+  // Entries of objects that died between their will and did (a will that
+  // never got its did) can never match again.
+  void dropDead() {
+    std::erase_if(changes, [](const PendingChange& change) { return change.object.expired(); });
   }
 };
 
@@ -232,11 +299,15 @@ void Observation::deliver(const Id& object, const Ref<Dictionary>& change) {
   target->observeValueForKeyPath_ofObject_change_context(keyPath, object, change, context);
 }
 
-void Observation::detach() {
-  std::lock_guard lock(mutex);
-  active = false;
-  if (root) detachNode(*root);
-  root.reset();
+void Observation::detach() noexcept {
+  Ref<PathNode> tree;
+  {
+    std::lock_guard lock(mutex);
+    active = false;
+    if (root) detachNode(*root);
+    tree = std::move(root);
+  }
+  // `tree` is freed here, outside the lock.
 }
 
 // -- Side table -------------------------------------------------------------------
@@ -247,7 +318,7 @@ SideTable::~SideTable() {
     Id observable = binding.info->objectForKey("NSObservedObject");
     Id keyPath = binding.info->objectForKey("NSObservedKeyPath");
     if (observable && keyPath && binding.observer)
-      observable->removeObserver_forKeyPath(binding.observer.get(), keyPath->description());
+      observable->removeObserverIfRegistered_forKeyPath(binding.observer.get(), keyPath->description());
   }
 }
 
@@ -302,41 +373,58 @@ void Object::addObserver_forKeyPath_options_context(const Id& observer, std::str
   observation->keyPath = keyPath;
   observation->options = options;
   observation->context = context;
+  Ref<PathNode> root = detail::makeNode(observation, nullptr, false, self(), keyPath);
   {
     std::lock_guard lock(observation->mutex);
-    observation->root = detail::makeNode(observation, nullptr, false, self(), keyPath);
-    detail::attach(observation->root);
+    observation->root = root;
+    detail::attachNode(root, observation);
   }
   {
     detail::SideTable& table = ensureSideTable();
     std::lock_guard lock(table.mutex);
     table.registrations.push_back(observation);
   }
+  // The triggers are in place: the rest of the chain is read with no lock
+  // held, and a change racing with that read re-links what it changed.
+  try {
+    detail::extend(root, observation);
+  } catch (...) {
+    detail::SideTable& table = ensureSideTable();
+    {
+      std::lock_guard lock(table.mutex);
+      std::erase(table.registrations, observation);
+    }
+    observation->detach();
+    throw;
+  }
   if (options & NSKeyValueObservingOptionInitial) {
-    auto change = detail::makeChange(2);
-    if (options & NSKeyValueObservingOptionNew)
-      change->setObject_forKey(detail::orNull(valueForKeyPath(keyPath)), detail::newKey());
-    observation->deliver(self(), change);
+    Id value = (options & NSKeyValueObservingOptionNew) ? detail::orNull(valueForKeyPath(keyPath)) : nullptr;
+    observation->deliver(self(), detail::makeChange(value, nullptr, false));
   }
 }
 
 namespace {
 
-void removeObservation(Object& object, detail::SideTable* table, const Object* observer,
-                       std::string_view keyPath, const void* const* context) {
-  Ref<Observation> removed;
-  if (table) {
-    std::lock_guard lock(table->mutex);
-    auto& list = table->registrations;
-    for (auto it = list.rbegin(); it != list.rend(); ++it) {
-      const Observation& o = **it;
-      if (o.observerAddress == observer && o.keyPath == keyPath && (!context || o.context == *context)) {
-        removed = *it;
-        list.erase(std::next(it).base());
-        break;
-      }
+Ref<Observation> takeRegistration(detail::SideTable* table, const Object* observer,
+                                  std::string_view keyPath, const void* const* context) noexcept {
+  if (!table) return nullptr;
+  std::lock_guard lock(table->mutex);
+  auto& list = table->registrations;
+  for (auto it = list.rbegin(); it != list.rend(); ++it) {
+    const Observation& o = **it;
+    if (o.observerAddress == observer && o.keyPath == keyPath && (!context || o.context == *context)) {
+      Ref<Observation> removed = std::move(*it);
+      list.erase(std::next(it).base());
+      return removed;
     }
   }
+  return nullptr;
+}
+
+void removeObservation(Object& object, const Object* observer, std::string_view keyPath,
+                       const void* const* context) {
+  Ref<Observation> removed =
+      takeRegistration(detail::SideTable::find(object), observer, keyPath, context);
   if (!removed)
     throw Exception(NSRangeException,
                     fmt::format("Cannot remove an observer <{}> for the key path \"{}\" from {} "
@@ -348,13 +436,29 @@ void removeObservation(Object& object, detail::SideTable* table, const Object* o
 }  // namespace
 
 void Object::removeObserver_forKeyPath(const Object* observer, std::string_view keyPath) {
-  removeObservation(*this, sideTable(), observer, keyPath, nullptr);
+  removeObservation(*this, observer, keyPath, nullptr);
 }
 
 void Object::removeObserver_forKeyPath_context(const Object* observer, std::string_view keyPath,
                                                void* context) {
   const void* const expected = context;
-  removeObservation(*this, sideTable(), observer, keyPath, &expected);
+  removeObservation(*this, observer, keyPath, &expected);
+}
+
+bool Object::removeObserverIfRegistered_forKeyPath(const Object* observer,
+                                                   std::string_view keyPath) noexcept {
+  Ref<Observation> removed = takeRegistration(sideTable(), observer, keyPath, nullptr);
+  if (removed) removed->detach();
+  return removed != nullptr;
+}
+
+bool Object::removeObserverIfRegistered_forKeyPath_context(const Object* observer,
+                                                           std::string_view keyPath,
+                                                           void* context) noexcept {
+  const void* const expected = context;
+  Ref<Observation> removed = takeRegistration(sideTable(), observer, keyPath, &expected);
+  if (removed) removed->detach();
+  return removed != nullptr;
 }
 
 std::size_t Object::observationCountForKeyPath(std::string_view keyPath) const {
@@ -378,16 +482,12 @@ void Object::willChangeValueForKey(std::string_view key) {
     Id oldValue;
     if (observed && owner->wants(NSKeyValueObservingOptionOld))
       oldValue = detail::orNull(observed->valueForKeyPath(owner->keyPath));
-    if (observed && owner->wants(NSKeyValueObservingOptionPrior)) {
-      auto change = detail::makeChange(3);
-      change->setObject_forKey(Number::numberWithBool(true), detail::priorKey());
-      if (oldValue) change->setObject_forKey(oldValue, detail::oldKey());
-      owner->deliver(observed, change);
-    }
+    if (observed && owner->wants(NSKeyValueObservingOptionPrior))
+      owner->deliver(observed, detail::makeChange(nullptr, oldValue, true));
     oldValues.push(std::move(oldValue));
   }
   detail::pendingStack().changes.push_back(
-      detail::PendingChange{this, std::string(key), std::move(triggers), std::move(oldValues)});
+      detail::PendingChange{this, weak_from_this(), std::string(key), std::move(triggers), std::move(oldValues)});
 }
 
 void Object::didChangeValueForKey(std::string_view key) {
@@ -402,21 +502,37 @@ void Object::didChangeValueForKey(std::string_view key) {
     const Ref<PathNode>& node = (*pending.triggers)[i];
     Ref<Observation> owner = node->owner.lock();
     if (!owner) continue;
-    if (node->mayRelink()) {
-      std::lock_guard lock(owner->mutex);
-      if (!owner->isActive() || !node->attached) continue;
-      detail::relinkAfterChange(*node, owner);
+    if (node->keyChangeRelinks) {
+      if (!detail::relinkAfterChange(node, owner)) continue;
     } else if (!owner->isActive() || !node->attached.load(std::memory_order_acquire)) {
       continue;
     }
     Id observed = owner->observed.lock();
     if (!observed) continue;
-    auto change = detail::makeChange(3);
+    Id newValue;
     if (owner->wants(NSKeyValueObservingOptionNew))
-      change->setObject_forKey(detail::orNull(observed->valueForKeyPath(owner->keyPath)), detail::newKey());
-    if (i < olds.size() && olds[i]) change->setObject_forKey(olds[i], detail::oldKey());
-    owner->deliver(observed, change);
+      newValue = detail::orNull(observed->valueForKeyPath(owner->keyPath));
+    owner->deliver(observed, detail::makeChange(newValue, i < olds.size() ? olds[i] : nullptr, false));
   }
+}
+
+void Object::discardPendingChangeForKey(std::string_view key) noexcept {
+  if (!sideTable()) return;
+  detail::pendingStack().take(this, key);
+}
+
+Object::ValueChangeScope::ValueChangeScope(Object& object, std::string_view key)
+    : object_(&object), key_(key) {
+  object.willChangeValueForKey(key);
+}
+
+Object::ValueChangeScope::~ValueChangeScope() {
+  if (object_) object_->discardPendingChangeForKey(key_);
+}
+
+void Object::ValueChangeScope::commit() {
+  Object* object = std::exchange(object_, nullptr);
+  if (object) object->didChangeValueForKey(key_);
 }
 
 void Object::observeValueForKeyPath_ofObject_change_context(const std::string& keyPath,

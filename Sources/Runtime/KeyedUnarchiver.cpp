@@ -76,22 +76,31 @@ struct KeyedUnarchiver::State {
   };
   std::vector<Frame> frames;
   std::string keyBuffer;
-  // Objects made by the current top-level decode; emptied when it fails.
-  std::vector<Id> madeByThisCall;
+  // Entries decoded into new objects by the current top-level decode.
+  std::vector<std::uint64_t> madeByThisCall;
 
   bool atTopLevel() const { return frames.size() == 1; }
 
   // A failed decode hands nothing back, but what it made may hold cycles
   // (archives can make a collection contain itself); emptying the collections
-  // lets the whole partial graph go.
+  // lets the whole partial graph go. Collections are still mutable here: they
+  // take the immutability they were archived with only once the decode has
+  // succeeded, or a cycle through an immutable one could never be broken.
   void discardPartialGraph() {
-    for (const Id& object : madeByThisCall) {
-      if (auto* array = dynamic_cast<Array*>(object.get()); array && array->isMutable()) array->removeAllObjects();
-      else if (auto* dictionary = dynamic_cast<Dictionary*>(object.get()); dictionary && dictionary->isMutable())
-        dictionary->removeAllObjects();
-      else if (auto* set = dynamic_cast<Set*>(object.get()); set && set->isMutable()) set->removeAllObjects();
+    for (std::uint64_t uid : madeByThisCall) {
+      Object* object = decoded[uid].get();
+      if (auto* array = dynamic_cast<Array*>(object)) array->removeAllObjects();
+      else if (auto* dictionary = dynamic_cast<Dictionary*>(object)) dictionary->removeAllObjects();
+      else if (auto* set = dynamic_cast<Set*>(object)) set->removeAllObjects();
     }
-    madeByThisCall.clear();
+  }
+
+  // An NSArray comes back immutable, an NSMutableArray mutable, so that the
+  // object archives again under the name it came with.
+  void settleMutability() {
+    for (std::uint64_t uid : madeByThisCall)
+      if (archivedImmutable[uid])
+        if (auto collection = Collection::dynamicCastObject(decoded[uid])) collection->makeImmutable();
   }
 
   void fail(std::int64_t code, std::string why) {
@@ -215,7 +224,7 @@ struct KeyedUnarchiver::State {
     // Registered before its contents, so that cycles come back to it.
     decoded[uid] = instance;
     status[uid] = Status::Decoding;
-    madeByThisCall.push_back(instance);
+    madeByThisCall.push_back(uid);
     frames.push_back({objects[uid], &allowed});
     try {
       instance->initWithCoder(coder);
@@ -224,10 +233,6 @@ struct KeyedUnarchiver::State {
     }
     frames.pop_back();
     status[uid] = Status::Done;
-    // An NSArray comes back immutable, an NSMutableArray mutable, so that the
-    // object archives again under the name it came with.
-    if (archivedImmutable[uid])
-      if (auto collection = Collection::dynamicCastObject(instance)) collection->makeImmutable();
     return error ? nullptr : instance;
   }
 
@@ -236,6 +241,7 @@ struct KeyedUnarchiver::State {
     if (atTopLevel()) {
       Id result = decodeReference(coder, allowed, key);
       if (error) discardPartialGraph();
+      else settleMutability();
       madeByThisCall.clear();
       return error ? nullptr : result;
     }

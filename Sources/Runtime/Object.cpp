@@ -77,9 +77,9 @@ void Object::setValueForKey(const Id& value, std::string_view key) {
   if (!property || !property->setter) return setValueForUndefinedKey(value, key);
   if (!value && property->isScalar) return setNilValueForKey(key);
   if (!property->notifiesAutomatically) return property->setter(*this, value);
-  willChangeValueForKey(key);
+  ValueChangeScope change(*this, key);
   property->setter(*this, value);
-  didChangeValueForKey(key);
+  change.commit();
 }
 
 Id Object::valueForKeyPath(std::string_view keyPath) const {

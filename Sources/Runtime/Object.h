@@ -163,6 +163,11 @@ class Object : public std::enable_shared_from_this<Object> {
   void removeObserver_forKeyPath(const Object* observer, std::string_view keyPath);
   void removeObserver_forKeyPath_context(const Object* observer, std::string_view keyPath,
                                          void* context);
+  /// The same, for teardown: removes the most recent matching registration if
+  /// there is one, answers whether there was, and never throws.
+  bool removeObserverIfRegistered_forKeyPath(const Object* observer, std::string_view keyPath) noexcept;
+  bool removeObserverIfRegistered_forKeyPath_context(const Object* observer, std::string_view keyPath,
+                                                     void* context) noexcept;
   /// Called for every change of an observed key path. The default throws
   /// Exception (NSInternalInconsistencyException): observers must override it.
   virtual void observeValueForKeyPath_ofObject_change_context(const std::string& keyPath,
@@ -171,23 +176,43 @@ class Object : public std::enable_shared_from_this<Object> {
                                                               void* context);
   /// Brackets a change of `key`. Pairs may nest, for several keys at once; the
   /// matching did must come on the same thread. Unobserved objects pay one
-  /// pointer test.
+  /// pointer test. Prefer ValueChangeScope (or changeValueForKey), which also
+  /// cleans up when the change throws.
   void willChangeValueForKey(std::string_view key);
   void didChangeValueForKey(std::string_view key);
-  /// will, mutate, did.
+
+  /// Brackets one change of a key: will-change when made, did-change on
+  /// commit(). A scope that ends without commit (the change threw) drops the
+  /// pending change instead: observers hear nothing more of it, and no stale
+  /// old value is left for a later did-change. `key` must outlive the scope.
+  class ValueChangeScope {
+   public:
+    ValueChangeScope(Object& object, std::string_view key);
+    ~ValueChangeScope();
+    ValueChangeScope(const ValueChangeScope&) = delete;
+    ValueChangeScope& operator=(const ValueChangeScope&) = delete;
+    /// Sends did-change (observers are called here).
+    void commit();
+
+   private:
+    Object* object_;
+    std::string_view key_;
+  };
+
+  /// will, mutate, did; a mutation that throws sends no did.
   template <class Mutation>
   void changeValueForKey(std::string_view key, Mutation&& mutate) {
-    willChangeValueForKey(key);
+    ValueChangeScope scope(*this, key);
     std::forward<Mutation>(mutate)();
-    didChangeValueForKey(key);
+    scope.commit();
   }
   /// Assigns a field and notifies observers of `key`: the one-liner for setters
   /// of observable properties.
   template <class Field, class Value>
   void setAndNotify(std::string_view key, Field& field, Value&& value) {
-    willChangeValueForKey(key);
+    ValueChangeScope scope(*this, key);
     field = std::forward<Value>(value);
-    didChangeValueForKey(key);
+    scope.commit();
   }
   /// Number of registrations for a key path (for diagnostics and tests).
   std::size_t observationCountForKeyPath(std::string_view keyPath) const;
@@ -245,6 +270,8 @@ class Object : public std::enable_shared_from_this<Object> {
   friend struct detail::SideTable;
   detail::SideTable* sideTable() const noexcept { return side_.load(std::memory_order_acquire); }
   detail::SideTable& ensureSideTable() const;
+  // Forgets the will-change of `key` that has no did-change coming.
+  void discardPendingChangeForKey(std::string_view key) noexcept;
 
   // Observation records and bindings, made on first use; nil for the
   // (overwhelmingly common) object that nobody observes.

@@ -5,6 +5,7 @@
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/Internal/BinaryPlistKeys.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/String.h"
 
@@ -307,6 +308,7 @@ Id PropertyList::propertyListWithBytes_format_error(std::string_view bytes, Prop
   if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) return failed("The data is too large");
   const auto length = static_cast<std::uint32_t>(bytes.size());
   const bool binary = plist_is_binary(bytes.data(), length);
+  if (binary && detail::binaryPlistHasKeyWithNUL(bytes)) return failed("key contains a NUL character");
   plist_t root = nullptr;
   if (binary) plist_from_bin(bytes.data(), length, &root);
   else plist_from_xml(bytes.data(), length, &root);

@@ -42,6 +42,9 @@ class String : public Object {
   /// The first UTF-16 unit replaced by its capitalised (title-case) form, the
   /// rest unchanged; an empty string stays as it is.
   Ref<String> stringWithCapitalizedFirstLetter() const;
+  /// -1, 0 or 1 as this version string is lower than, the same as or higher
+  /// than `other`, by the framework's one version order (VersionOrder.h).
+  int compareVersion(std::string_view other) const;
 
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override { return hash_; }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -36,23 +37,31 @@ TEST(Group, WaitTimesOutWhileTasksRemainAndReturnsOnceEmptied) {
 TEST(Group, NotifyRunsOnceAfterAllTasksOfItsRound) {
   auto group = Group::create();
   auto queue = Queue::createSerial("group.tasks");
-  std::atomic<int> finished{0};
-  std::atomic<int> notifiedAt{-1};
-  std::atomic<int> notifications{0};
-  queue->async([] { std::this_thread::sleep_for(10ms); });
-  for (int i = 0; i < 10; ++i) group->async(global(), [&] { finished.fetch_add(1); });
-  group->async(queue, [&] { finished.fetch_add(1); });
-  group->notify(queue, [&] {
-    notifiedAt = finished.load();
-    notifications.fetch_add(1);
+  struct Shared {
+    std::atomic<bool> gate{false};
+    std::atomic<int> finished{0};
+    std::atomic<int> notifiedAt{-1};
+    std::atomic<int> notifications{0};
+    std::atomic<bool> immediate{false};
+  };
+  auto shared = std::make_shared<Shared>();
+  // The queue's task waits behind a closed gate, so the notification is
+  // registered while the round is still open.
+  queue->async([shared] { eventually([&] { return shared->gate.load(); }); });
+  for (int i = 0; i < 10; ++i) group->async(global(), [shared] { shared->finished.fetch_add(1); });
+  group->async(queue, [shared] { shared->finished.fetch_add(1); });
+  group->notify(queue, [shared] {
+    shared->notifiedAt = shared->finished.load();
+    shared->notifications.fetch_add(1);
   });
+  EXPECT_FALSE(group->wait(Time::NOW));
+  shared->gate = true;
   EXPECT_TRUE(group->wait(Time::after(20s)));
-  EXPECT_TRUE(eventually([&] { return notifications.load() == 1; }));
-  EXPECT_EQ(notifiedAt.load(), 11);
-  std::atomic<bool> immediate{false};
-  group->notify(queue, [&] { immediate = true; });
-  EXPECT_TRUE(eventually([&] { return immediate.load(); }));
-  EXPECT_EQ(notifications.load(), 1);
+  EXPECT_TRUE(eventually([&] { return shared->notifications.load() == 1; }));
+  EXPECT_EQ(shared->notifiedAt.load(), 11);
+  group->notify(queue, [shared] { shared->immediate = true; });
+  EXPECT_TRUE(eventually([&] { return shared->immediate.load(); }));
+  EXPECT_EQ(shared->notifications.load(), 1);
 }
 
 TEST(GroupDeathTest, UnbalancedLeaveAborts) {

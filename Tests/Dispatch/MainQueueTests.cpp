@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <cstdlib>
 #include <thread>
@@ -29,20 +30,25 @@ TEST(MainQueue, BelongsToTheMainThread) {
 }
 
 TEST(MainQueue, RunUntilDrainsBlocksInOrderOnTheMainThread) {
-  std::vector<int> order;
-  std::atomic<bool> allOnMain{true};
-  std::thread producer([&] {
+  // Touched only on the main thread; shared because blocks left over by a
+  // failure would run in a later test that serves the main queue.
+  struct Shared {
+    std::vector<int> order;
+    bool allOnMain = true;
+  };
+  auto shared = std::make_shared<Shared>();
+  std::thread producer([shared] {
     for (int i = 0; i < 100; ++i) {
-      mainQueue()->async([&, i] {
-        order.push_back(i);
-        if (!isMainThread()) allOnMain = false;
+      mainQueue()->async([shared, i] {
+        shared->order.push_back(i);
+        if (!isMainThread()) shared->allOnMain = false;
       });
     }
   });
   producer.join();
-  EXPECT_TRUE(runMainQueueUntil([&] { return order.size() == 100; }, 20s));
-  EXPECT_TRUE(allOnMain);
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
+  ASSERT_TRUE(runMainQueueUntil([&] { return shared->order.size() == 100; }, 20s));
+  EXPECT_TRUE(shared->allOnMain);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(shared->order[i], i);
 }
 
 TEST(MainQueue, RunUntilReturnsFalseAtTheTimeout) {
@@ -91,7 +97,7 @@ TEST(MainQueue, AQueueMovedOffTheMainQueueMidBatchFinishesOnTheWorkers) {
       },
       20s));
   std::unique_lock lock(shared->mutex);
-  EXPECT_TRUE(shared->changed.wait_for(lock, 3s, [&] { return shared->ran == kBlocks; }))
+  EXPECT_TRUE(shared->changed.wait_for(lock, 20s, [&] { return shared->ran == kBlocks; }))
       << shared->ran << " of " << kBlocks << " ran";
 }
 

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <stdexcept>
@@ -17,6 +19,7 @@
 using namespace fennick;
 using namespace fennick::dispatch;
 using fennick::dispatch::testing::eventually;
+using fennick::dispatch::testing::sleepsInTheKernel;
 
 TEST(Queue, SerialQueueRunsBlocksInOrderAndSyncWaitsForThem) {
   auto queue = Queue::createSerial("order");
@@ -54,28 +57,34 @@ TEST(Queue, GlobalQueuesAreSharedPerClass) {
 
 TEST(Queue, ConcurrentQueueRunsBlocksInParallel) {
   auto queue = Queue::createConcurrent("parallel");
-  std::atomic<int> arrived{0};
-  std::atomic<int> metEachOther{0};
+  struct Shared {
+    std::atomic<int> arrived{0};
+    std::atomic<int> metEachOther{0};
+  };
+  auto shared = std::make_shared<Shared>();
   for (int i = 0; i < 2; ++i) {
-    queue->async([&] {
-      arrived.fetch_add(1);
-      if (eventually([&] { return arrived.load() == 2; })) metEachOther.fetch_add(1);
+    queue->async([shared] {
+      shared->arrived.fetch_add(1);
+      if (eventually([&] { return shared->arrived.load() == 2; })) shared->metEachOther.fetch_add(1);
     });
   }
-  EXPECT_TRUE(eventually([&] { return metEachOther.load() == 2; }));
+  EXPECT_TRUE(eventually([&] { return shared->metEachOther.load() == 2; }));
 }
 
 TEST(Queue, PendingWorkKeepsAReleasedQueueAlive) {
-  std::atomic<int> ran{0};
+  auto ran = std::make_shared<std::atomic<int>>(0);
+  auto gate = std::make_shared<std::atomic<bool>>(false);
   WeakRef<Queue> weak;
   {
     auto parent = Queue::createSerial("parent");
     auto queue = Queue::createSerial("released", QOS_CLASS_UNSPECIFIED, parent);
     weak = queue;
-    parent->async([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
-    for (int i = 0; i < 100; ++i) queue->async([&ran] { ran.fetch_add(1); });
+    parent->async([gate] { eventually([&] { return gate->load(); }); });
+    for (int i = 0; i < 100; ++i) queue->async([ran] { ran->fetch_add(1); });
   }
-  EXPECT_TRUE(eventually([&] { return ran.load() == 100 && weak.expired(); }));
+  EXPECT_FALSE(weak.expired()) << "its blocks wait behind the parent's";
+  *gate = true;
+  EXPECT_TRUE(eventually([&] { return ran->load() == 100 && weak.expired(); }));
 }
 
 TEST(Queue, CurrentQueueAndSpecificsFollowTheTargetChain) {
@@ -220,17 +229,20 @@ TEST(Queue, ShortLivedSubmittersLoseAndCorruptNothing) {
 TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {
   constexpr int kCallers = 64;
   auto busy = Queue::createSerial("busy");
-  std::atomic<int> waiting{0};
-  std::atomic<int> completed{0};
-  busy->async([&] { eventually([&] { return waiting.load() == kCallers; }); });
+  struct Shared {
+    std::atomic<int> waiting{0};
+    std::atomic<int> completed{0};
+  };
+  auto shared = std::make_shared<Shared>();
+  busy->async([shared] { eventually([&] { return shared->waiting.load() == kCallers; }); });
   auto pool = global(QOS_CLASS_DEFAULT);
   for (int i = 0; i < kCallers; ++i) {
-    pool->async([&, busy] {
-      waiting.fetch_add(1);
-      busy->sync([&] { completed.fetch_add(1); });
+    pool->async([shared, busy] {
+      shared->waiting.fetch_add(1);
+      busy->sync([&] { shared->completed.fetch_add(1); });
     });
   }
-  EXPECT_TRUE(eventually([&] { return completed.load() == kCallers; }));
+  EXPECT_TRUE(eventually([&] { return shared->completed.load() == kCallers; }));
 }
 
 // Two threads point two queues at each other at the same moment. One of them
@@ -324,14 +336,17 @@ TEST(Queue, WaitingSyncCallersTakeOverWithoutAFreeWorker) {
   ASSERT_TRUE(eventually([&] { return shared->blockedWorkers >= 1; }));
 
   std::atomic<bool> firstHolds{false};
+  std::atomic<pid_t> secondThread{0};
   std::thread first([&] {
     queue->sync([&] {
       firstHolds = true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the second caller queues up
+      // The second caller is in line once it sleeps: it does nothing else that sleeps.
+      EXPECT_TRUE(eventually([&] { return sleepsInTheKernel(secondThread.load()); }));
     });
   });
   ASSERT_TRUE(eventually([&] { return firstHolds.load(); }));
   std::thread second([&] {
+    secondThread = static_cast<pid_t>(gettid());
     queue->sync([] {});
     std::lock_guard lock(shared->mutex);
     shared->secondDone = true;

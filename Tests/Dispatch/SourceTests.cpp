@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -16,7 +17,6 @@
 
 using namespace fennick;
 using namespace fennick::dispatch;
-using namespace std::chrono_literals;
 using fennick::dispatch::testing::eventually;
 
 namespace {
@@ -38,19 +38,24 @@ int reactorThreadCount() {
   return count;
 }
 
-// Records the data of every event handler run, and the cancel handler.
+// Records the data of every event handler run, and the cancel handler. Shared
+// with the handlers, which may still be queued when a failed test returns.
 struct Recorder {
   std::mutex mutex;
   std::vector<std::uintptr_t> data;
   std::atomic<int> cancels{0};
+  std::atomic<int> eventsAfterCancel{0};
 
-  void attach(const Ref<Source>& source) {
+  static std::shared_ptr<Recorder> attachedTo(const Ref<Source>& source) {
+    auto recorder = std::make_shared<Recorder>();
     Source* raw = source.get();
-    source->setEventHandler([this, raw] {
-      std::lock_guard lock(mutex);
-      data.push_back(raw->data());
+    source->setEventHandler([recorder, raw] {
+      if (recorder->cancels.load() != 0) recorder->eventsAfterCancel.fetch_add(1);
+      std::lock_guard lock(recorder->mutex);
+      recorder->data.push_back(raw->data());
     });
-    source->setCancelHandler([this] { cancels.fetch_add(1); });
+    source->setCancelHandler([recorder] { recorder->cancels.fetch_add(1); });
+    return recorder;
   }
   std::vector<std::uintptr_t> snapshot() {
     std::lock_guard lock(mutex);
@@ -68,32 +73,33 @@ struct Recorder {
 TEST(Source, DataOrCoalescesMergesIntoOneRunWithTheirUnion) {
   auto queue = Queue::createSerial("source.data-or");
   auto source = Source::createDataOr(queue);
-  Recorder recorder;
-  recorder.attach(source);
-  std::atomic<bool> gate{false};
-  queue->async([&] { eventually([&] { return gate.load(); }); });
+  auto recorder = Recorder::attachedTo(source);
+  auto gate = std::make_shared<std::atomic<bool>>(false);
+  queue->async([gate] { eventually([&] { return gate->load(); }); });
   source->mergeData(1);  // kept while suspended
   source->resume();
   source->mergeData(2);
   source->mergeData(4);
   source->mergeData(0);
-  gate = true;
-  ASSERT_TRUE(eventually([&] { return recorder.snapshot().size() == 1; }));
+  *gate = true;
+  ASSERT_TRUE(eventually([&] { return recorder->snapshot().size() == 1; }));
   queue->sync([] {});
   source->mergeData(8);
-  ASSERT_TRUE(eventually([&] { return recorder.snapshot().size() == 2; }));
-  EXPECT_EQ(recorder.snapshot(), (std::vector<std::uintptr_t>{7, 8}));
+  ASSERT_TRUE(eventually([&] { return recorder->snapshot().size() == 2; }));
+  EXPECT_EQ(recorder->snapshot(), (std::vector<std::uintptr_t>{7, 8}));
 
   source->suspend();
   source->mergeData(16);
   source->mergeData(32);
-  std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(recorder.snapshot().size(), 2u) << "no run while suspended";
+  // A merge schedules its run on the queue at once, so a block queued after
+  // the merges runs after any run they caused.
+  queue->sync([] {});
+  EXPECT_EQ(recorder->snapshot().size(), 2u) << "no run while suspended";
   source->resume();
-  ASSERT_TRUE(eventually([&] { return recorder.snapshot().size() == 3; }));
-  EXPECT_EQ(recorder.snapshot().back(), 48u);
+  ASSERT_TRUE(eventually([&] { return recorder->snapshot().size() == 3; }));
+  EXPECT_EQ(recorder->snapshot().back(), 48u);
   source->cancel();
-  EXPECT_TRUE(eventually([&] { return recorder.cancels.load() == 1; }));
+  EXPECT_TRUE(eventually([&] { return recorder->cancels.load() == 1; }));
   EXPECT_TRUE(source->isCancelled());
 }
 
@@ -102,27 +108,31 @@ TEST(Source, TimersFireOnTheirClockAndCountExpirations) {
   auto repeating = Source::createTimer(queue);
   auto oneShot = Source::createTimer(queue);
   auto wall = Source::createTimer(queue);
-  Recorder repeats, once, onWall;
-  repeats.attach(repeating);
-  once.attach(oneShot);
-  onWall.attach(wall);
+  auto repeats = Recorder::attachedTo(repeating);
+  auto once = Recorder::attachedTo(oneShot);
+  auto onWall = Recorder::attachedTo(wall);
   repeating->setTimer(Time::NOW, 2 * NSEC_PER_MSEC, 0);
   oneShot->setTimer(time(Time::NOW, 5 * NSEC_PER_MSEC), 0, 0);
   wall->setTimer(walltime(nullptr, 5 * NSEC_PER_MSEC), UINT64_MAX, 0);
   for (const auto& source : {repeating, oneShot, wall}) source->resume();
-  EXPECT_TRUE(eventually([&] { return repeats.total() >= 10; }));
-  EXPECT_TRUE(eventually([&] { return once.total() == 1 && onWall.total() == 1; }));
-  repeating->cancel();
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(once.snapshot(), std::vector<std::uintptr_t>{1});
-  EXPECT_EQ(onWall.snapshot(), std::vector<std::uintptr_t>{1});
-  EXPECT_EQ(repeats.cancels.load(), 1);
-  const auto firesAtCancel = repeats.snapshot().size();
-  std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(repeats.snapshot().size(), firesAtCancel);
-  oneShot->cancel();
-  wall->cancel();
-  EXPECT_TRUE(eventually([&] { return once.cancels.load() == 1 && onWall.cancels.load() == 1; }));
+  EXPECT_TRUE(eventually([&] { return repeats->total() >= 10; }));
+  EXPECT_TRUE(eventually([&] { return once->total() == 1 && onWall->total() == 1; }));
+  // While the repeating timer fires twice more, a one-shot timer that wrongly
+  // repeated would fire again too; all three deliver on the same queue.
+  const auto repeatsBefore = repeats->snapshot().size();
+  EXPECT_TRUE(eventually([&] { return repeats->snapshot().size() >= repeatsBefore + 2; }));
+  queue->sync([] {});
+  EXPECT_EQ(once->snapshot(), std::vector<std::uintptr_t>{1});
+  EXPECT_EQ(onWall->snapshot(), std::vector<std::uintptr_t>{1});
+  for (const auto& source : {repeating, oneShot, wall}) source->cancel();
+  EXPECT_TRUE(eventually([&] {
+    return repeats->cancels.load() == 1 && once->cancels.load() == 1 && onWall->cancels.load() == 1;
+  }));
+  queue->sync([] {});
+  for (const auto& recorder : {repeats, once, onWall}) {
+    EXPECT_EQ(recorder->cancels.load(), 1);
+    EXPECT_EQ(recorder->eventsAfterCancel.load(), 0);
+  }
 }
 
 TEST(Source, ReadSourceReportsBytesThenEndOfFile) {
@@ -131,23 +141,28 @@ TEST(Source, ReadSourceReportsBytesThenEndOfFile) {
   auto queue = Queue::createSerial("source.read");
   auto source = Source::createRead(pipeFds[0], queue);
   ASSERT_NE(source, nullptr);
-  std::vector<std::uintptr_t> reads;
-  std::atomic<bool> closed{false};
-  source->setEventHandler([&, raw = source.get()] {
-    reads.push_back(raw->data());
+  // Touched only on the queue, by the handlers and by the test's syncs.
+  struct Shared {
+    std::vector<std::uintptr_t> reads;
+    std::atomic<bool> closed{false};
+  };
+  auto shared = std::make_shared<Shared>();
+  const int readEnd = pipeFds[0];
+  source->setEventHandler([shared, readEnd, raw = source.get()] {
+    shared->reads.push_back(raw->data());
     char buffer[64];
-    if (read(pipeFds[0], buffer, sizeof buffer) == 0) raw->cancel();
+    if (read(readEnd, buffer, sizeof buffer) == 0) raw->cancel();
   });
-  source->setCancelHandler([&] {
-    close(pipeFds[0]);
-    closed = true;
+  source->setCancelHandler([shared, readEnd] {
+    close(readEnd);
+    shared->closed = true;
   });
   source->resume();
   ASSERT_EQ(write(pipeFds[1], "hello", 5), 5);
-  ASSERT_TRUE(eventually([&] { return queue->sync([&] { return reads.size(); }) == 1; }));
+  ASSERT_TRUE(eventually([&] { return queue->sync([&] { return shared->reads.size(); }) == 1; }));
   close(pipeFds[1]);
-  ASSERT_TRUE(eventually([&] { return closed.load(); }));
-  EXPECT_EQ(reads, (std::vector<std::uintptr_t>{5, 0}));
+  ASSERT_TRUE(eventually([&] { return shared->closed.load(); }));
+  EXPECT_EQ(queue->sync([&] { return shared->reads; }), (std::vector<std::uintptr_t>{5, 0}));
 }
 
 TEST(Source, ReadSourceOnARegularFileFiresWhileDataRemains) {
@@ -160,18 +175,21 @@ TEST(Source, ReadSourceOnARegularFileFiresWhileDataRemains) {
   auto queue = Queue::createSerial("source.file");
   auto source = Source::createRead(fd, queue);
   ASSERT_NE(source, nullptr);
-  std::vector<std::uintptr_t> reads;
-  source->setEventHandler([&, raw = source.get()] {
-    reads.push_back(raw->data());
+  auto reads = std::make_shared<std::vector<std::uintptr_t>>();  // touched only on the queue
+  auto cancelled = std::make_shared<std::atomic<bool>>(false);
+  source->setEventHandler([reads, fd, raw = source.get()] {
+    reads->push_back(raw->data());
     char buffer[4];
-    ASSERT_GT(read(fd, buffer, sizeof buffer), 0);
+    EXPECT_GT(read(fd, buffer, sizeof buffer), 0);
   });
+  source->setCancelHandler([cancelled] { *cancelled = true; });
   source->resume();
-  ASSERT_TRUE(eventually([&] { return queue->sync([&] { return reads.size(); }) == 2; }));
-  std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(queue->sync([&] { return reads; }), (std::vector<std::uintptr_t>{6, 2}));
+  ASSERT_TRUE(eventually([&] { return queue->sync([&] { return reads->size(); }) >= 2; }));
+  // The cancel handler comes after every event: a source that fired again at
+  // the end of the file would show a third read here.
   source->cancel();
-  queue->sync([] {});
+  ASSERT_TRUE(eventually([&] { return cancelled->load(); }));
+  EXPECT_EQ(queue->sync([&] { return *reads; }), (std::vector<std::uintptr_t>{6, 2}));
   close(fd);
   EXPECT_EQ(Source::createRead(-1, queue), nullptr);
   EXPECT_EQ(Source::createRead(fd, queue), nullptr) << "closed descriptor";
@@ -184,40 +202,48 @@ TEST(Source, CancelWhileEventsFlowEndsWithOneCancelHandlerAfterTheLastEvent) {
   auto queue = Queue::createConcurrent("source.cancel");
   for (int round = 0; round < 20; ++round) {
     auto source = Source::createDataOr(queue);
-    std::atomic<int> inHandler{0};
-    std::atomic<int> overlaps{0};
-    std::atomic<int> events{0};
-    std::atomic<int> eventsAfterCancel{0};
-    std::atomic<int> cancels{0};
-    source->setEventHandler([&] {
-      if (inHandler.fetch_add(1) != 0) overlaps.fetch_add(1);
-      if (cancels.load() != 0) eventsAfterCancel.fetch_add(1);
-      events.fetch_add(1);
-      inHandler.fetch_sub(1);
+    struct Shared {
+      std::atomic<int> inHandler{0};
+      std::atomic<int> overlaps{0};
+      std::atomic<int> events{0};
+      std::atomic<int> eventsAfterCancel{0};
+      std::atomic<int> cancels{0};
+      std::atomic<int> mergesAfterCancel{0};
+      std::atomic<bool> stop{false};
+    };
+    auto shared = std::make_shared<Shared>();
+    source->setEventHandler([shared] {
+      if (shared->inHandler.fetch_add(1) != 0) shared->overlaps.fetch_add(1);
+      if (shared->cancels.load() != 0) shared->eventsAfterCancel.fetch_add(1);
+      shared->events.fetch_add(1);
+      shared->inHandler.fetch_sub(1);
     });
-    source->setCancelHandler([&] {
-      if (inHandler.load() != 0) overlaps.fetch_add(1);
-      cancels.fetch_add(1);
+    source->setCancelHandler([shared] {
+      if (shared->inHandler.load() != 0) shared->overlaps.fetch_add(1);
+      shared->cancels.fetch_add(1);
     });
     source->resume();
-    std::atomic<bool> stop{false};
     std::vector<std::thread> producers;
     for (int p = 0; p < 3; ++p) {
-      producers.emplace_back([&, p] {
-        while (!stop.load()) source->mergeData(std::uintptr_t{1} << p);
+      producers.emplace_back([shared, source, p] {
+        while (!shared->stop.load()) {
+          source->mergeData(std::uintptr_t{1} << p);
+          if (shared->cancels.load() != 0) shared->mergesAfterCancel.fetch_add(1);
+        }
       });
     }
-    eventually([&] { return events.load() >= 5; });
+    ASSERT_TRUE(eventually([&] { return shared->events.load() >= 5; }));
     std::thread canceller([&] { source->cancel(); });
     canceller.join();
-    ASSERT_TRUE(eventually([&] { return cancels.load() == 1; }));
-    std::this_thread::sleep_for(2ms);
-    stop = true;
+    ASSERT_TRUE(eventually([&] { return shared->cancels.load() == 1; }));
+    // Merges that follow the cancel handler must start nothing.
+    EXPECT_TRUE(eventually([&] { return shared->mergesAfterCancel.load() >= 100; }));
+    shared->stop = true;
     for (auto& producer : producers) producer.join();
-    std::this_thread::sleep_for(2ms);
-    EXPECT_EQ(cancels.load(), 1);
-    EXPECT_EQ(eventsAfterCancel.load(), 0);
-    EXPECT_EQ(overlaps.load(), 0);
+    queue->barrierSync([] {});
+    EXPECT_EQ(shared->cancels.load(), 1);
+    EXPECT_EQ(shared->eventsAfterCancel.load(), 0);
+    EXPECT_EQ(shared->overlaps.load(), 0);
   }
 }
 
@@ -228,21 +254,23 @@ TEST(Source, ReleasedSourcesLeaveNoDescriptorsOrReactorThread) {
   const int descriptorsBefore = openDescriptorCount();
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
-  std::atomic<int> cancels{0};
+  auto cancels = std::make_shared<std::atomic<int>>(0);
+  auto fired = std::make_shared<std::atomic<int>>(0);
   {
     auto reader = Source::createRead(pipeFds[0], queue);
     auto timer = Source::createTimer(queue);
     timer->setTimer(Time::NOW, NSEC_PER_MSEC, 0);
-    timer->setCancelHandler([&] { cancels.fetch_add(1); });
-    reader->setCancelHandler([&] { cancels.fetch_add(1); });
+    timer->setEventHandler([fired] { fired->fetch_add(1); });
+    timer->setCancelHandler([cancels] { cancels->fetch_add(1); });
+    reader->setCancelHandler([cancels] { cancels->fetch_add(1); });
     timer->resume();
     reader->resume();
     EXPECT_EQ(reactorThreadCount(), 1);
-    std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(eventually([&] { return fired->load() >= 2; })) << "released while the timer is live";
   }
   close(pipeFds[0]);
   close(pipeFds[1]);
-  EXPECT_TRUE(eventually([&] { return cancels.load() == 2; })) << "released sources still cancel";
+  EXPECT_TRUE(eventually([&] { return cancels->load() == 2; })) << "released sources still cancel";
   EXPECT_TRUE(eventually([&] { return openDescriptorCount() == descriptorsBefore; }));
   EXPECT_TRUE(eventually([] { return reactorThreadCount() == 0; }));
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -45,22 +46,29 @@ TEST(OVInteractWithUI, RunsInlineOnTheMainThreadAndLaterInOrderFromOthers) {
   EXPECT_TRUE(ranInline);
   OVInteractWithUI(nullptr);
 
-  std::vector<int> order;
+  // Shared with the blocks, which outlive the test if it fails on the timeout.
+  struct Seen {
+    std::vector<int> order;  // touched on the main thread only
+    std::atomic<bool> allOnMain{true};
+  };
+  auto seen = std::make_shared<Seen>();
   std::atomic<bool> returnedFirst{true};
-  std::atomic<bool> allOnMain{true};
   std::thread([&] {
     for (int i = 0; i < 50; ++i) {
-      OVInteractWithUI([&, i] {
-        order.push_back(i);
-        if (!dispatch::isMainThread()) allOnMain = false;
+      OVInteractWithUI([seen, i] {
+        seen->order.push_back(i);
+        if (!dispatch::isMainThread()) seen->allOnMain = false;
       });
     }
-    if (!order.empty()) returnedFirst = false;
+    // The main thread is blocked in join: nothing may have run yet.
+    if (!seen->order.empty()) returnedFirst = false;
   }).join();
-  EXPECT_TRUE(dispatch::runMainQueueUntil([&] { return order.size() == 50; }, 20s));
+  EXPECT_TRUE(dispatch::runMainQueueUntil([&] { return seen->order.size() == 50; }, 20s));
   EXPECT_TRUE(returnedFirst);
-  EXPECT_TRUE(allOnMain);
-  for (int i = 0; i < 50; ++i) EXPECT_EQ(order[i], i);
+  EXPECT_TRUE(seen->allOnMain);
+  std::vector<int> expected(50);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(seen->order, expected);
 }
 
 // Built without FENNICK_CHECK_QUEUES, as the library and its users are: the

@@ -3,6 +3,8 @@
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVCancellation.h"
 #include "fennick/Helpers/OVCancellationGroup.h"
+#include "fennick/Helpers/OVReceptionist.h"
+#include "fennick/Runtime/Number.h"
 
 #include <gtest/gtest.h>
 
@@ -16,58 +18,73 @@ namespace {
 using testing::eventually;
 using testing::Latch;
 
+// Waits until a handler added now has run. Added after a cancel, it is
+// submitted to the utility queue after anything that cancel submitted, and
+// starts after it: a duplicate run of earlier handlers has shown by then.
+void waitForLaterHandlers(OVCancellation& cancellation) {
+  auto ran = std::make_shared<Latch>();
+  cancellation.addCancellationHandler([ran] { ran->signal(); });
+  ASSERT_TRUE(ran->waitFor(1));
+}
+
 TEST(OVCancellationToken, HandlersRunOnceInOrderOnTheUtilityQueue) {
   auto token = OVCancellationToken::init();
   EXPECT_EQ(token->internalQueue()->label(), "com.orvane.cancellation-token-internal.internal-queue");
-  std::mutex mutex;
-  std::vector<char> order;
-  std::atomic<bool> offCaller{true};
+  // Handlers share their state with the test, which may end before they run.
+  struct Seen {
+    std::mutex mutex;
+    std::vector<char> order;
+    std::atomic<bool> offCaller{true};
+  };
+  auto seen = std::make_shared<Seen>();
   const auto caller = std::this_thread::get_id();
   for (char name : {'a', 'b', 'c'})
-    token->addCancellationHandler([&, name] {
-      if (std::this_thread::get_id() == caller) offCaller = false;
-      std::lock_guard lock(mutex);
-      order.push_back(name);
+    token->addCancellationHandler([seen, caller, name] {
+      if (std::this_thread::get_id() == caller) seen->offCaller = false;
+      std::lock_guard lock(seen->mutex);
+      seen->order.push_back(name);
     });
   EXPECT_FALSE(token->isCancelled());
   token->cancel();
   token->cancel();
   EXPECT_TRUE(token->isCancelled());
   ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(mutex);
-    return order.size() == 3;
+    std::lock_guard lock(seen->mutex);
+    return seen->order.size() == 3;
   }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a second run would show up here
-  std::lock_guard lock(mutex);
-  EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c'}));
-  EXPECT_TRUE(offCaller);
+  waitForLaterHandlers(*token);
+  std::lock_guard lock(seen->mutex);
+  EXPECT_EQ(seen->order, (std::vector<char>{'a', 'b', 'c'}));
+  EXPECT_TRUE(seen->offCaller);
 }
 
 TEST(OVCancellationToken, LateHandlersRunAloneAndMayCallBack) {
   auto token = OVCancellationToken::init();
   token->cancel();
-  Latch ran;
-  token->addCancellationHandler([&] {
-    EXPECT_TRUE(token->isCancelled());
-    token->addCancellationHandler([&] { ran.signal(); });  // re-entry from a handler is fine
-    ran.signal();
+  auto ran = std::make_shared<Latch>();
+  auto stillCancelled = std::make_shared<std::atomic<bool>>(false);
+  token->addCancellationHandler([token, ran, stillCancelled] {
+    *stillCancelled = token->isCancelled();
+    token->addCancellationHandler([ran] { ran->signal(); });  // re-entry from a handler is fine
+    ran->signal();
   });
-  EXPECT_TRUE(ran.waitFor(2));
+  EXPECT_TRUE(ran->waitFor(2));
+  EXPECT_TRUE(*stillCancelled);
 }
 
 TEST(OVCancellationToken, ManyThreadsCancellingWhileHandlersAreAdded) {
   for (int round = 0; round < 20; ++round) {
     auto token = OVCancellationToken::init();
-    std::atomic<int> runs{0};
+    auto runs = std::make_shared<std::atomic<int>>(0);
     constexpr int kAdders = 4, kPerAdder = 25;
     std::vector<std::thread> threads;
     for (int t = 0; t < kAdders; ++t)
       threads.emplace_back([&] {
-        for (int i = 0; i < kPerAdder; ++i) token->addCancellationHandler([&] { ++runs; });
+        for (int i = 0; i < kPerAdder; ++i) token->addCancellationHandler([runs] { ++*runs; });
       });
     for (int t = 0; t < 3; ++t) threads.emplace_back([&] { token->cancel(); });
     for (auto& thread : threads) thread.join();
-    ASSERT_TRUE(eventually([&] { return runs == kAdders * kPerAdder; }));
+    ASSERT_TRUE(eventually([&] { return *runs == kAdders * kPerAdder; }));
   }
 }
 
@@ -75,16 +92,16 @@ TEST(OVCancellationGroup, AnyPolicyCancelsWithTheFirstChild) {
   auto group = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
   EXPECT_EQ(group->internalQueue()->label(), "com.orvane.cancellation-group-internal.internal-queue");
   auto a = OVCancellationToken::init(), b = OVCancellationToken::init();
-  Latch handlers;
-  group->addCancellationHandler([&] { handlers.signal(); });
+  auto handlers = std::make_shared<Latch>();
+  group->addCancellationHandler([handlers] { handlers->signal(); });
   group->addChild(a);
   group->addChild(b);
   a->cancel();
   ASSERT_TRUE(eventually([&] { return group->isCancelled() && b->isCancelled(); }));
-  EXPECT_TRUE(handlers.waitFor(1));
+  EXPECT_TRUE(handlers->waitFor(1));
   group->cancel();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(handlers.count(), 1);
+  waitForLaterHandlers(*group);
+  EXPECT_EQ(handlers->count(), 1);
 }
 
 TEST(OVCancellationGroup, AllPolicyWaitsForEveryChild) {
@@ -113,9 +130,7 @@ TEST(OVCancellationGroup, CancelledChildrenAndCancelledGroups) {
   all->addChild(fresh);
   EXPECT_TRUE(fresh->isCancelled());
 
-  Latch late;
-  all->addCancellationHandler([&] { late.signal(); });
-  EXPECT_TRUE(late.waitFor(1));
+  waitForLaterHandlers(*all);
 }
 
 TEST(OVCancellationGroup, GroupsNestAndCancelTheirTrees) {
@@ -143,16 +158,16 @@ TEST(OVCancellationGroup, WideDeepTreesCancelledFromManyThreads) {
   constexpr int kDepth = 10, kWidth = 100;
   std::vector<Ref<OVCancellationGroup>> chain;
   std::vector<Ref<OVCancellationToken>> leaves;
-  std::atomic<int> handlerRuns{0};
+  auto handlerRuns = std::make_shared<std::atomic<int>>(0);
   for (int level = 0; level < kDepth; ++level) {
     chain.push_back(OVCancellationGroup::initWithPolicy(level % 2 ? OVCancellationGroupPolicyAll
                                                                   : OVCancellationGroupPolicyAny));
-    chain.back()->addCancellationHandler([&] { ++handlerRuns; });
+    chain.back()->addCancellationHandler([handlerRuns] { ++*handlerRuns; });
     if (level) chain[level - 1]->addChild(chain.back());
   }
   for (int i = 0; i < kWidth; ++i) {
     leaves.push_back(OVCancellationToken::init());
-    leaves.back()->addCancellationHandler([&] { ++handlerRuns; });
+    leaves.back()->addCancellationHandler([handlerRuns] { ++*handlerRuns; });
     chain[static_cast<std::size_t>(i % kDepth)]->addChild(leaves.back());
   }
   std::vector<std::thread> threads;
@@ -163,11 +178,39 @@ TEST(OVCancellationGroup, WideDeepTreesCancelledFromManyThreads) {
     });
   for (auto& thread : threads) thread.join();
   chain.front()->cancel();
-  ASSERT_TRUE(eventually([&] { return handlerRuns == kDepth + kWidth; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(handlerRuns, kDepth + kWidth);
+  ASSERT_TRUE(eventually([&] { return *handlerRuns == kDepth + kWidth; }));
+  for (auto& group : chain) waitForLaterHandlers(*group);
+  for (auto& leaf : leaves) waitForLaterHandlers(*leaf);
+  EXPECT_EQ(*handlerRuns, kDepth + kWidth);
   for (auto& group : chain) EXPECT_TRUE(group->isCancelled());
   for (auto& leaf : leaves) EXPECT_TRUE(leaf->isCancelled());
+}
+
+// Observers of a group's and of its child's isCancelled are called while the
+// group cancels. Each waits for another thread that adds a handler to the
+// group, which needs the group's lock: that only works because the group
+// calls out with its lock released.
+TEST(OVCancellationGroup, ObserversCalledDuringACancelMayUseTheGroup) {
+  auto group = OVCancellationGroup::initWithPolicy(OVCancellationGroupPolicyAny);
+  auto child = OVCancellationToken::init();
+  group->addChild(child);
+  auto handlersAdded = std::make_shared<Latch>();
+  std::vector<std::thread> helpers;
+  auto useTheGroupElsewhere = [&](const Id&, const std::string&, const Id& value, const Id&) {
+    if (!value || !value->isEqual(Number::numberWithBool(true).get())) return;
+    helpers.emplace_back([group, handlersAdded] {
+      group->addCancellationHandler([] {});
+      handlersAdded->signal();
+    });
+    EXPECT_TRUE(handlersAdded->waitFor(static_cast<int>(helpers.size()), std::chrono::seconds(5)));
+  };
+  auto receptionist = OVReceptionist::init();  // delivers inline, on the cancelling thread
+  receptionist->startObservationOfObject_forKeyPath_changeBlock(group, "isCancelled", useTheGroupElsewhere);
+  receptionist->startObservationOfObject_forKeyPath_changeBlock(child, "isCancelled", useTheGroupElsewhere);
+  group->cancel();
+  EXPECT_TRUE(child->isCancelled());
+  for (auto& helper : helpers) helper.join();
+  EXPECT_EQ(helpers.size(), 2u);
 }
 
 }  // namespace

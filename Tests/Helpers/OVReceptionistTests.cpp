@@ -1,5 +1,6 @@
 #include "HelpersTestSupport.h"
 
+#include "fennick/Dispatch/Main.h"
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVReceptionist.h"
 #include "fennick/Runtime/Array.h"
@@ -10,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <mutex>
 #include <thread>
 
 namespace fennick {
@@ -99,6 +102,43 @@ FENNICK_DEFINE_CLASS(Gauge) {
   builder.observableProperty("level", &Gauge::level, &Gauge::setLevel);
   builder.observableProperty("label", &Gauge::label, &Gauge::setLabel);
 }
+// A parent whose getter takes a lock of its own, with a hook that can hold
+// a reader inside the getter before it takes that lock.
+class LockedParent : public Object {
+  FENNICK_DECLARE_CLASS(LockedParent, Object)
+
+ public:
+  static Ref<LockedParent> parent() {
+    auto parent = make<LockedParent>();
+    parent->child_ = Gauge::gauge();
+    return parent;
+  }
+  Id child() const {
+    if (beforeRead) beforeRead();
+    // Polled rather than timed: a timed lock escapes ThreadSanitizer's view.
+    std::unique_lock lock(readLock, std::defer_lock);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!lock.try_lock()) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        timedOut = true;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return child_;
+  }
+  std::function<void()> beforeRead;
+  mutable std::mutex readLock;
+  mutable std::atomic<bool> timedOut{false};
+
+ protected:
+  LockedParent() = default;
+
+ private:
+  Ref<Gauge> child_;
+};
+
+FENNICK_DEFINE_CLASS(LockedParent) { builder.property("child", &LockedParent::child); }
 FENNICK_DEFINE_CLASS(ShortTarget) { builder.method("didChangeLevel", &ShortTarget::didChangeLevel); }
 FENNICK_DEFINE_CLASS(FullTarget) {
   builder.method("didChangeLevelOfObject:newValue:", &FullTarget::two);
@@ -246,23 +286,24 @@ TEST(OVReceptionist, ConcurrentQueueDeliversThereAndStopsFollowStartsInOrder) {
   EXPECT_EQ(receptionist->internalQueue()->target(), external);
 
   auto gauge = Gauge::gauge();
-  std::atomic<int> calls{0};
-  std::atomic<bool> onExternal{true};
+  // Shared with the deliveries, which run on the external queue.
+  auto calls = std::make_shared<std::atomic<int>>(0);
+  auto onExternal = std::make_shared<std::atomic<bool>>(true);
   receptionist->startObservationOfObject_forKeyPath_changeBlock(
-      gauge, "level", [&](const Id&, const std::string&, const Id&, const Id&) {
-        if (!external->isCurrent()) onExternal = false;
-        ++calls;
+      gauge, "level", [external, calls, onExternal](const Id&, const std::string&, const Id&, const Id&) {
+        if (!external->isCurrent()) *onExternal = false;
+        ++*calls;
       });
   receptionist->internalQueue()->sync([] {});  // the start has been processed
   gauge->setValueForKey(Number::of(1), "level");
-  ASSERT_TRUE(eventually([&] { return calls == 1; }));
-  EXPECT_TRUE(onExternal);
+  ASSERT_TRUE(eventually([&] { return *calls == 1; }));
+  EXPECT_TRUE(*onExternal);
 
   receptionist->stopObservationOfObject_forKeyPath(gauge, "level");
   receptionist->internalQueue()->sync([] {});
   gauge->setValueForKey(Number::of(2), "level");
   receptionist->internalQueue()->sync([] {});
-  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(*calls, 1);
 }
 
 // Receptionists go away while other threads keep changing what they observe:
@@ -289,6 +330,103 @@ TEST(OVReceptionist, DestroyedWhileChangesFlow) {
   stop = true;
   for (auto& changer : changers) changer.join();
   for (auto& gauge : gauges) EXPECT_EQ(gauge->observationCountForKeyPath("level"), 0u);
+}
+
+// Registering reads getters (here the parent's, for a dotted path). One
+// thread stands in the getter while the test holds the getter's lock and
+// stops everything: that can only finish when registration holds no lock of
+// the receptionist's.
+TEST(OVReceptionist, RegistrationCallsGettersWithoutTheReceptionistsLock) {
+  auto receptionist = OVReceptionist::init();
+  auto parent = LockedParent::parent();
+  auto inGetter = std::make_shared<testing::Latch>(), holding = std::make_shared<testing::Latch>();
+  const auto main = std::this_thread::get_id();
+  parent->beforeRead = [=] {
+    if (std::this_thread::get_id() == main || inGetter->count()) return;
+    inGetter->signal();
+    holding->waitFor(1);
+  };
+  std::thread starter([&] {
+    receptionist->startObservationOfObject_forKeyPath_changeBlock(
+        parent, "child.level", [](const Id&, const std::string&, const Id&, const Id&) {});
+  });
+  EXPECT_TRUE(inGetter->waitFor(1));
+  {
+    std::lock_guard lock(parent->readLock);
+    holding->signal();
+    receptionist->stopAllObservations();
+  }
+  starter.join();
+  EXPECT_FALSE(parent->timedOut);
+  EXPECT_EQ(parent->observationCountForKeyPath("child.level"), 0u);
+}
+
+// An observed object dies without a stop and a new one takes its address:
+// the new one gets a record of its own, is observed, and stops cleanly.
+TEST(OVReceptionist, ANewObjectAtADeadObjectsAddressIsObservedAfresh) {
+  // Owned apart from its control block (as an adopted pointer is), an
+  // object's memory is freed while weak references to it remain.
+  auto adopted = [] { return Ref<Gauge>(new detail::Instance<Gauge>()); };
+  auto receptionist = OVReceptionist::init();
+  const Object* deadAddress = nullptr;
+  {
+    auto gauge = adopted();
+    receptionist->startObservationOfObject_forKeyPath_changeBlock(
+        gauge, "level", [](const Id&, const std::string&, const Id&, const Id&) {});
+    deadAddress = gauge.get();
+  }
+  Ref<Gauge> reborn;
+  for (int i = 0; i < 100000 && !reborn; ++i)
+    if (auto gauge = adopted(); gauge.get() == deadAddress) reborn = gauge;
+  if (!reborn) GTEST_SKIP() << "this allocator (a quarantining one) does not hand out a freed address again soon";
+  int calls = 0;
+  receptionist->startObservationOfObject_forKeyPath_changeBlock(
+      reborn, "level", [&](const Id&, const std::string&, const Id&, const Id&) { ++calls; });
+  reborn->setValueForKey(Number::of(1), "level");
+  EXPECT_EQ(calls, 1);
+  receptionist->stopObservationOfObject_forKeyPath(reborn, "level");
+  EXPECT_EQ(reborn->observationCountForKeyPath("level"), 0u);
+}
+
+// The first subscriber stops everything while the change is being fanned
+// out: the second, whose delivery was already under way, is not called.
+TEST(OVReceptionist, NoDeliveryAfterAStopHasReturned) {
+  for (bool queued : {false, true}) {
+    SCOPED_TRACE(queued ? "delivered on a queue" : "delivered inline");
+    auto external = dispatch::Queue::createSerial("test.deliveries");
+    auto receptionist = queued ? OVReceptionist::initWithConcurrentQueue(external) : OVReceptionist::init();
+    auto gauge = Gauge::gauge();
+    auto laterCalls = std::make_shared<std::atomic<int>>(0);
+    OVReceptionist* raw = receptionist.get();
+    receptionist->startObservationOfObject_forKeyPath_changeBlock(
+        gauge, "level", [raw](const Id&, const std::string&, const Id&, const Id&) { raw->stopAllObservations(); });
+    receptionist->startObservationOfObject_forKeyPath_changeBlock(
+        gauge, "level", [laterCalls](const Id&, const std::string&, const Id&, const Id&) { ++*laterCalls; });
+    if (queued) receptionist->internalQueue()->sync([] {});
+    gauge->setValueForKey(Number::of(1), "level");
+    if (queued) {
+      receptionist->internalQueue()->sync([] {});
+      external->sync([] {});
+    }
+    EXPECT_EQ(*laterCalls, 0);
+  }
+}
+
+// gtest runs tests on the main thread: waiting there must serve a
+// receptionist whose internal queue is the main queue, and simply wait for
+// one whose queue is not.
+TEST(OVReceptionist, WaitingForPendingRequestsFromTheMainThread) {
+  for (auto queue : {dispatch::mainQueue(), dispatch::Queue::createSerial("test.owner")}) {
+    auto receptionist = OVReceptionist::initWithInternalQueue(queue);
+    auto gauge = Gauge::gauge();
+    receptionist->startObservationOfObject_forKeyPath_changeBlock(
+        gauge, "level", [](const Id&, const std::string&, const Id&, const Id&) {});
+    receptionist->waitForPendingRequests();
+    EXPECT_EQ(gauge->observationCountForKeyPath("level"), 1u);
+    receptionist->stopObservationOfObject_forKeyPath(gauge, "level");
+    receptionist->waitForPendingRequests();
+    EXPECT_EQ(gauge->observationCountForKeyPath("level"), 0u);
+  }
 }
 
 }  // namespace

@@ -159,6 +159,22 @@ TEST_F(OVStateMachineTest, CallbacksRemoveRulesAndPerformNestedActions) {
   machine->performAction_userInfo("ring"_s);
   EXPECT_EQ(oneShotCalls, 1);
 
+  // A rule removed by an earlier callback of the same action still has its
+  // callback run, once; the next action no longer finds it.
+  int removerCalls = 0, removedCalls = 0;
+  Ref<UUID> removed;
+  machine->addTransitionOnAction_fromState_toState_handler(
+      "knock"_s, nullptr, nullptr, [&](const Ref<OVStateMachineTransitionInfo>& info) {
+        ++removerCalls;
+        info->stateMachine()->removeTransitionWithHandle(removed);
+      });
+  removed = machine->addTransitionOnAction_fromState_toState_handler(
+      "knock"_s, nullptr, nullptr, [&](const Ref<OVStateMachineTransitionInfo>&) { ++removedCalls; });
+  machine->performAction_userInfo("knock"_s);
+  machine->performAction_userInfo("knock"_s);
+  EXPECT_EQ(removerCalls, 2);
+  EXPECT_EQ(removedCalls, 1);
+
   // The nested action starts from the outer one's new state and finishes
   // before the outer action's remaining callbacks and notification.
   std::vector<std::string> order;
@@ -181,7 +197,7 @@ TEST_F(OVStateMachineTest, CallbacksRemoveRulesAndPerformNestedActions) {
   EXPECT_EQ(order, (std::vector<std::string>{"open", "wedge-from:open", "open-second:wedged"}));
   // Rules with handlers do not reach the target's methods by name.
   EXPECT_EQ(door->events, (std::vector<std::string>{"did:wedge", "did:open"}));
-  EXPECT_EQ(machine->transitions()->count(), 4u);
+  EXPECT_EQ(machine->transitions()->count(), 5u);
 }
 
 TEST_F(OVStateMachineTest, TargetIsHeldWeakly) {

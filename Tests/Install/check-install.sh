@@ -10,7 +10,9 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-LD_LIBRARY_PATH="$work/prefix/lib" "$work/cmake-build/consumer" | grep -q "^consumer: ok$"
+for program in consumer observable_property serial_queue cancellation_group; do
+  LD_LIBRARY_PATH="$work/prefix/lib" "$work/cmake-build/$program" | grep -q "^$program: ok$"
+done
 
 export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
 g++ -std=c++20 "$consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs fennick)

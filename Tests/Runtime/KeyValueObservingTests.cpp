@@ -1,3 +1,4 @@
+#include "Helpers/HelpersTestSupport.h"
 #include "TestObjects.h"
 
 #include "fennick/Runtime/Array.h"
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
 #include <random>
 #include <thread>
 
@@ -227,6 +229,145 @@ TEST(KeyValueObserving, ChangesAndRegistrationsFromManyThreads) {
     person->removeObserver_forKeyPath(steady.get(), "age");
     EXPECT_EQ(person->observationCountForKeyPath("age"), 0u);
   }
+}
+
+// A removal frees the nodes of a dotted path while other threads change the
+// objects on it: nothing on the change path may follow a freed link.
+TEST(KeyValueObserving, RemovalRacingWithChangesAlongADottedPath) {
+  auto root = Person::person("root");
+  root->setPartner(Person::person("middle"));
+  root->partner()->setPartner(Person::person("leaf"));
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> changers;
+  for (int t = 0; t < 2; ++t)
+    changers.emplace_back([&, t] {
+      for (int i = t; !stop; ++i) {
+        auto middle = root->partner();
+        if (i % 64 == 0) {
+          auto replacement = Person::person("middle");
+          replacement->setPartner(Person::person("leaf"));
+          root->setValueForKey(replacement, "partner");
+        } else if (i % 8 == 0) {
+          middle->setValueForKey(Person::person("leaf"), "partner");
+        } else if (auto leaf = middle->partner()) {
+          leaf->setValueForKey(String::string(std::to_string(i)), "firstName");
+        }
+      }
+    });
+  for (int i = 0; i < 20000; ++i) {
+    auto recorder = Recorder::recorder();
+    root->addObserver_forKeyPath_options_context(recorder, "partner.partner.firstName", kNewOld, nullptr);
+    root->removeObserver_forKeyPath(recorder.get(), "partner.partner.firstName");
+  }
+  stop = true;
+  for (auto& changer : changers) changer.join();
+  EXPECT_EQ(root->observationCountForKeyPath("partner.partner.firstName"), 0u);
+}
+
+// Made on first read, and announced to observers as a change of "child":
+// a getter that changes a value on the chain it is read for.
+class LazyParent : public Object {
+  FENNICK_DECLARE_CLASS(LazyParent, Object)
+
+ public:
+  static Ref<LazyParent> parent() { return make<LazyParent>(); }
+  Ref<Person> child() const {
+    if (!child_ && !making_) {
+      making_ = true;
+      const_cast<LazyParent*>(this)->setAndNotify("child", child_, Person::person("made"));
+      making_ = false;
+    }
+    return child_;
+  }
+
+ protected:
+  LazyParent() = default;
+
+ private:
+  mutable Ref<Person> child_;
+  mutable bool making_ = false;
+};
+FENNICK_DEFINE_CLASS(LazyParent) { builder.property("child", &LazyParent::child); }
+
+TEST(KeyValueObserving, GettersMayChangeTheChainTheyAreReadFor) {
+  auto parent = LazyParent::parent();
+  auto recorder = Recorder::recorder();
+  parent->addObserver_forKeyPath_options_context(recorder, "child.firstName", kNewOld, nullptr);
+  ASSERT_EQ(recorder->count(), 1u);  // the getter's own announcement
+  EXPECT_EQ(text(recorder->changes()[0].change->objectForKey(NSKeyValueChangeNewKey)), "made");
+  parent->child()->setValueForKey("renamed"_s, "firstName");  // the chain follows the made child
+  ASSERT_EQ(recorder->count(), 2u);
+  EXPECT_EQ(text(recorder->changes()[1].change->objectForKey(NSKeyValueChangeOldKey)), "made");
+  parent->removeObserver_forKeyPath(recorder.get(), "child.firstName");
+}
+
+// A getter with a lock of its own. The test holds that lock while it
+// removes the observation, on one thread, while a re-link on another thread
+// reads the getter: the two locks are taken in opposite orders, which is
+// safe only because observation never calls a getter under its own lock.
+class GuardedParent : public Object {
+  FENNICK_DECLARE_CLASS(GuardedParent, Object)
+
+ public:
+  static Ref<GuardedParent> parent() { return make<GuardedParent>(); }
+  Ref<Person> child() const {
+    if (beforeRead) beforeRead();
+    std::lock_guard lock(readLock);
+    std::lock_guard data(dataMutex_);
+    return child_;
+  }
+  void setChild(Ref<Person> child) {
+    std::lock_guard data(dataMutex_);
+    child_ = std::move(child);
+  }
+  std::function<void()> beforeRead;
+  mutable std::mutex readLock;
+
+ protected:
+  GuardedParent() = default;
+
+ private:
+  mutable std::mutex dataMutex_;
+  Ref<Person> child_;
+};
+FENNICK_DEFINE_CLASS(GuardedParent) {
+  builder.observableProperty("child", &GuardedParent::child, &GuardedParent::setChild);
+}
+
+TEST(KeyValueObserving, GettersTakingTheirOwnLocksDoNotDeadlock) {
+  auto parent = GuardedParent::parent();
+  parent->setChild(Person::person("first"));
+  auto recorder = Recorder::recorder();
+  parent->addObserver_forKeyPath_options_context(recorder, "child.age", NSKeyValueObservingOptionNew, nullptr);
+  auto inGetter = std::make_shared<testing::Latch>(), holding = std::make_shared<testing::Latch>();
+  const auto main = std::this_thread::get_id();
+  parent->beforeRead = [=] {
+    if (std::this_thread::get_id() == main || inGetter->count()) return;
+    inGetter->signal();    // the replacing thread is re-linking the chain...
+    holding->waitFor(1);  // ...and reads the getter once the test holds its lock
+  };
+  std::thread replacer([&] { parent->setValueForKey(Person::person("second"), "child"); });
+  ASSERT_TRUE(inGetter->waitFor(1));
+  {
+    std::lock_guard lock(parent->readLock);
+    holding->signal();
+    parent->removeObserver_forKeyPath(recorder.get(), "child.age");
+  }
+  replacer.join();
+  EXPECT_EQ(parent->observationCountForKeyPath("child.age"), 0u);
+}
+
+TEST(KeyValueObserving, AChangeThatThrowsLeavesNothingPending) {
+  auto ada = Person::person("Ada");
+  auto recorder = Recorder::recorder();
+  ada->addObserver_forKeyPath_options_context(recorder, "age", kNewOld | NSKeyValueObservingOptionPrior, nullptr);
+  EXPECT_THROW(ada->setValueForKey("old enough"_s, "age"), Exception);  // the setter cannot take text
+  ASSERT_EQ(recorder->count(), 1u);  // only the prior notification went out
+  ada->didChangeValueForKey("age");  // a did without its will: no old value to pick up
+  ASSERT_EQ(recorder->count(), 2u);
+  EXPECT_EQ(recorder->changes()[1].change->objectForKey(NSKeyValueChangeOldKey), nullptr);
+  ada->removeObserver_forKeyPath(recorder.get(), "age");
+  EXPECT_FALSE(ada->removeObserverIfRegistered_forKeyPath(recorder.get(), "age"));
 }
 
 }  // namespace

@@ -137,6 +137,29 @@ TEST(PropertyList, MalformedDataGivesCorruptError) {
   }
 }
 
+// libplist aborts on a dictionary key that holds U+0000 in its UTF-16 form;
+// such a key must fail as corrupt, while the same text as a value still reads.
+TEST(PropertyList, UTF16KeyHoldingNULIsCorruptButSuchAValueReads) {
+  // {"a\0\u00e9": "x"} and {"k": "a\0\u00e9"} as Python's plistlib writes them.
+  const std::string trailer(
+      "\x00\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x03"
+      "\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x14",
+      32);
+  const std::string badKey =
+      std::string("bplist00\xd1\x01\x02\x63\x00\x61\x00\x00\x00\xe9\x51\x78\x08\x0b\x12", 23) + trailer;
+  const std::string value =
+      std::string("bplist00\xd1\x01\x02\x51\x6b\x63\x00\x61\x00\x00\x00\xe9\x08\x0b\x0d", 23) + trailer;
+
+  Ref<Error> error;
+  EXPECT_EQ(read(Data::dataWithString(badKey), nullptr, &error), nullptr);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), NSPropertyListReadCorruptError);
+
+  auto plist = Dictionary::dynamicCastObject(read(Data::dataWithString(value), nullptr, nullptr));
+  ASSERT_TRUE(plist);
+  EXPECT_TRUE(plist->objectForKey("k")->isEqual(String::string(std::string_view("a\0\xc3\xa9", 4))));
+}
+
 TEST(PropertyList, RefusesWhatAPropertyListCannotHold) {
   auto cyclic = Array::array();
   cyclic->addObject(cyclic);

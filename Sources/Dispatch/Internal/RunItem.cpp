@@ -8,6 +8,7 @@
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 #include "fennick/Dispatch/Internal/SerialQueue.h"
 #include "fennick/Dispatch/Internal/SyncRequest.h"
+#include "fennick/Dispatch/Group.h"
 
 namespace fennick::dispatch::internal {
 namespace {
@@ -61,7 +62,12 @@ void runItem(WorkItem* item, QueueCore* running) noexcept {
         runBlock(item->block);
       }
       item->block.reset();
-      WorkItem::recycle(item);
+      if (Ref<Group> group = std::move(item->group)) {
+        WorkItem::recycle(item);
+        group->leave();
+      } else {
+        WorkItem::recycle(item);
+      }
       break;
     case ItemKind::Drain: {
       auto* queue = static_cast<SerialQueue*>(item->context);

@@ -22,7 +22,10 @@ constexpr bool kPooled = true;
 // consecutive memory that the hardware prefetches, and a submission costs a
 // pointer bump instead of a malloc. An item finds its slab by alignment.
 constexpr std::size_t kSlabSize = 16 * 1024;
-constexpr std::size_t kSpareSlabs = 32;
+// Slabs kept for reuse (8 MiB at most). Freed slabs would stay in the
+// allocator's arenas anyway, and keeping them here keeps the allocator's
+// arena lock, which a worker could sleep on, out of the workers' path.
+constexpr std::size_t kSpareSlabs = 512;
 
 struct alignas(64) SlabHeader {
   std::atomic<std::uint32_t> recycled{0};
@@ -49,6 +52,8 @@ class SpareSlabs {
     static SpareSlabs* spares = new SpareSlabs;
     return *spares;
   }
+
+  SpareSlabs() { slabs_.reserve(kSpareSlabs); }
 
   SlabHeader* take() {
     {

@@ -8,6 +8,10 @@
 #include "fennick/Dispatch/Block.h"
 #include "fennick/Dispatch/Ref.h"
 
+namespace fennick::dispatch {
+class Group;
+}
+
 namespace fennick::dispatch::internal {
 class QueueCore;
 }
@@ -30,6 +34,9 @@ struct WorkItem {
   // Set when a concurrent queue forwards the item to its target: the queues from
   // `origin` up to the running one are current while the item runs.
   Ref<QueueCore> origin;
+  // Left once the block has run: a group's task costs no wrapper around the
+  // block (which would not fit inline and would be boxed on the heap).
+  Ref<Group> group;
   Block block;
 
   /// An empty Block item.

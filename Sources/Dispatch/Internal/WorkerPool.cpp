@@ -81,40 +81,50 @@ bool WorkerPool::hasQueuedWork() const noexcept {
   return false;
 }
 
+bool WorkerPool::reserveRunning() noexcept {
+  int running = running_.load(std::memory_order_seq_cst);
+  do {
+    if (running >= maxRunning_) return false;
+  } while (!running_.compare_exchange_weak(running, running + 1, std::memory_order_seq_cst));
+  return true;
+}
+
 void WorkerPool::notifyWork() noexcept {
   if (searching_.load(std::memory_order_seq_cst) > 0) return;
-  if (running_.load(std::memory_order_seq_cst) >= maxRunning_) {
+  // Producers that race here each take a place among the running workers
+  // first, so together they never start more workers than there are cores.
+  if (!reserveRunning()) {
     // Every worker is busy: if they are stuck, the monitor will notice.
     monitor_->watch();
     return;
   }
+  searching_.fetch_add(1, std::memory_order_seq_cst);
   int idle = idle_.load(std::memory_order_seq_cst);
   while (idle > 0) {
     if (idle_.compare_exchange_weak(idle, idle - 1, std::memory_order_seq_cst)) {
-      running_.fetch_add(1, std::memory_order_seq_cst);
-      searching_.fetch_add(1, std::memory_order_seq_cst);
       tokens_.fetch_add(1, std::memory_order_release);
       futexWake(tokens_, 1);
       return;
     }
   }
-  spawnWorker();
-}
-
-void WorkerPool::spawnWorker() noexcept {
-  int threads = threads_.load(std::memory_order_relaxed);
-  do {
-    if (threads >= kMaxThreads) return;
-  } while (!threads_.compare_exchange_weak(threads, threads + 1, std::memory_order_relaxed));
-  running_.fetch_add(1, std::memory_order_seq_cst);
-  searching_.fetch_add(1, std::memory_order_seq_cst);
-  try {
-    std::thread([this] { workerMain(); }).detach();
-  } catch (const std::system_error&) {
+  if (!spawnWorker()) {
     // Out of threads: the running workers will get to the work in time.
     searching_.fetch_sub(1, std::memory_order_seq_cst);
     running_.fetch_sub(1, std::memory_order_seq_cst);
+  }
+}
+
+bool WorkerPool::spawnWorker() noexcept {
+  int threads = threads_.load(std::memory_order_relaxed);
+  do {
+    if (threads >= kMaxThreads) return false;
+  } while (!threads_.compare_exchange_weak(threads, threads + 1, std::memory_order_relaxed));
+  try {
+    std::thread([this] { workerMain(); }).detach();
+    return true;
+  } catch (const std::system_error&) {
     threads_.fetch_sub(1, std::memory_order_relaxed);
+    return false;
   }
 }
 
@@ -186,7 +196,6 @@ void WorkerPool::workerMain() noexcept {
     WorkItem* item = search(index);
     const bool lastSearcher = searching_.fetch_sub(1, std::memory_order_seq_cst) == 1;
     if (item == nullptr) {
-      running_.fetch_sub(1, std::memory_order_seq_cst);
       if (!park()) break;
       continue;
     }
@@ -199,7 +208,6 @@ void WorkerPool::workerMain() noexcept {
       crowded = running_.load(std::memory_order_seq_cst) > maxRunning_;
     } while (!crowded && (item = tryPop(index)) != nullptr);
     if (crowded) {
-      running_.fetch_sub(1, std::memory_order_seq_cst);
       if (!park()) break;
       continue;
     }
@@ -218,14 +226,20 @@ bool WorkerPool::leaveIdle() noexcept {
   return false;
 }
 
-// Returns true when the worker should search again (counted as running and
-// searching), false when it should retire.
+// Called by a running worker that stops. Returns true when the worker should
+// search again (counted as running and searching), false when it should retire.
 bool WorkerPool::park() noexcept {
+  // Idle before no longer running: a producer that finds a place free among
+  // the running workers then finds this one to wake instead of starting a thread.
   idle_.fetch_add(1, std::memory_order_seq_cst);
-  if (hasQueuedWork() && running_.load(std::memory_order_seq_cst) < maxRunning_ && leaveIdle()) {
-    running_.fetch_add(1, std::memory_order_seq_cst);
-    searching_.fetch_add(1, std::memory_order_seq_cst);
-    return true;
+  running_.fetch_sub(1, std::memory_order_seq_cst);
+  if (hasQueuedWork() && reserveRunning()) {
+    if (leaveIdle()) {
+      searching_.fetch_add(1, std::memory_order_seq_cst);
+      return true;
+    }
+    // A producer claimed this worker and counted it already.
+    running_.fetch_sub(1, std::memory_order_seq_cst);
   }
   // From here on, either a waker claims this worker (it then accounts for it
   // and posts a token) or the worker leaves on its own with leaveIdle().
@@ -244,8 +258,7 @@ bool WorkerPool::park() noexcept {
       continue;
     }
     if (leaveIdle()) {
-      if (!hasQueuedWork()) return false;
-      running_.fetch_add(1, std::memory_order_seq_cst);
+      if (!hasQueuedWork() || !reserveRunning()) return false;
       searching_.fetch_add(1, std::memory_order_seq_cst);
       return true;
     }

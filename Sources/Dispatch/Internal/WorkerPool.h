@@ -12,8 +12,10 @@
 // Waking is frugal: a producer wakes a parked worker only when no worker is
 // already searching for work and fewer than the core count are running; a
 // worker that finds work while it was the last searcher passes the search on.
-// The waker claims the sleeper (idle_ down, a token up), so a burst of
-// submissions costs one wake-up, not one per item.
+// The waker first takes a place among the running workers, then claims a
+// sleeper (idle_ down, a token up) or starts a thread, so a burst of
+// submissions costs one wake-up, not one per item, and racing producers never
+// start more workers than there are cores.
 #include <sys/types.h>
 
 #include <atomic>
@@ -93,7 +95,10 @@ class WorkerPool {
   };
 
   void notifyWork() noexcept;
-  void spawnWorker() noexcept;
+  /// Counts one more running worker unless as many run as there are cores.
+  bool reserveRunning() noexcept;
+  /// Starts a worker already counted as running and searching.
+  bool spawnWorker() noexcept;
   void workerMain() noexcept;
   WorkItem* tryPop(int& index) noexcept;
   WorkItem* search(int& index) noexcept;
