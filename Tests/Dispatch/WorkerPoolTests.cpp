@@ -74,9 +74,14 @@ TEST(WorkerPool, BlocksWaitingInReadDoNotHoldBackOtherQueues) {
 }
 
 // Short blocks never sleep in the kernel, so however many arrive at once the
-// pool keeps to one running thread per core.
+// pool keeps to one running thread per core. On a loaded machine a worker can
+// still sleep around its block (a burst this large frees item slabs, and the
+// allocator's lock may be held by a preempted producer) long enough for the
+// monitor to take it for blocked; each such time may add one thread, and only
+// those are allowed.
 TEST(WorkerPool, ABurstOfShortBlocksStartsNoMoreThreadsThanCores) {
   WorkerPool& pool = WorkerPool::shared();
+  const std::uint64_t presumedBefore = pool.presumedBlockedCount();
   const int before = pool.threadCount();
   auto group = Group::create();
   auto counter = std::make_shared<std::atomic<int>>(0);
@@ -91,5 +96,6 @@ TEST(WorkerPool, ABurstOfShortBlocksStartsNoMoreThreadsThanCores) {
   for (auto& submitter : submitters) submitter.join();
   ASSERT_TRUE(group->wait(Time::after(60s)));
   EXPECT_EQ(counter->load(), 80000);
-  EXPECT_LE(pool.threadCount(), std::max(before, pool.maxRunning()));
+  const auto presumed = static_cast<int>(pool.presumedBlockedCount() - presumedBefore);
+  EXPECT_LE(pool.threadCount(), std::max(before, pool.maxRunning()) + presumed);
 }

@@ -290,6 +290,7 @@ bool WorkerPool::presumeBlocked(WorkerRecord& record, std::uint64_t seen) noexce
     presumed_[index].fetch_sub(1, std::memory_order_relaxed);
     return false;
   }
+  presumedTotal_.fetch_add(1, std::memory_order_relaxed);
   running_.fetch_sub(1, std::memory_order_seq_cst);
   return true;
 }

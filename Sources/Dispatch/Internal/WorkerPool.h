@@ -76,6 +76,11 @@ class WorkerPool {
   int threadCount() const noexcept { return threads_.load(std::memory_order_relaxed); }
   /// The most workers that run at once when none blocks.
   int maxRunning() const noexcept { return maxRunning_; }
+  /// How many times the monitor has taken a worker for blocked, for tests and
+  /// diagnostics: each time may have started a thread beyond maxRunning().
+  std::uint64_t presumedBlockedCount() const noexcept {
+    return presumedTotal_.load(std::memory_order_relaxed);
+  }
 
  private:
   friend class PoolMonitor;
@@ -115,6 +120,7 @@ class WorkerPool {
   Root roots_[kClassCount];
   WorkerRecord records_[kMaxThreads];
   std::atomic<int> presumed_[kClassCount] = {};
+  std::atomic<std::uint64_t> presumedTotal_{0};
   PoolMonitor* monitor_;
   const int maxRunning_;
   alignas(64) std::atomic<int> running_{0};    // workers neither parked nor blocked
