@@ -3,6 +3,7 @@
 #include "fennick/Version.h"
 
 #include "fennick/Dispatch/Dispatch.h"
+#include "fennick/Dispatch/GLibMainContext.h"
 
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/Bindings.h"
@@ -25,6 +26,7 @@
 #include "fennick/Runtime/KeyedUnarchiver.h"
 #include "fennick/Runtime/Log.h"
 #include "fennick/Runtime/Null.h"
+#include "fennick/Runtime/OVErrorRecoveryAttemptInfo.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/Object.h"
 #include "fennick/Runtime/Pipe.h"
@@ -46,6 +48,7 @@
 #include "fennick/Platform/SystemFacts.h"
 #include "fennick/Platform/VnodeEventSource.h"
 
+#include "fennick/FoundationExtensions/GeometryExtensions.h"
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
 #include "fennick/Helpers/OVBaseRouter.h"
@@ -89,3 +92,14 @@
 #include "fennick/Helpers/URLKey.h"
 #include "fennick/Helpers/URLSecurityScope.h"
 #include "fennick/Helpers/Workspace+OVExtensions.h"
+
+#include "fennick/AppKitExtensions/Alert.h"
+#include "fennick/AppKitExtensions/AlertButton.h"
+#include "fennick/AppKitExtensions/Application.h"
+#include "fennick/AppKitExtensions/Color.h"
+#include "fennick/AppKitExtensions/HeadlessBackend.h"
+#include "fennick/AppKitExtensions/Image.h"
+#include "fennick/AppKitExtensions/InterfaceBackend.h"
+#include "fennick/AppKitExtensions/OVErrorPresentationController.h"
+#include "fennick/AppKitExtensions/OVErrorValidatorInfo.h"
+#include "fennick/AppKitExtensions/Window.h"

@@ -32,3 +32,18 @@ foreach(entry ${FENNICK_PRIVATE_PKG_MODULES})
 endforeach()
 configure_file(${CMAKE_SOURCE_DIR}/cmake/fennick.pc.in ${CMAKE_BINARY_DIR}/fennick.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/fennick.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# fennick-gtk: its library, headers, targets (Fennick::gtk, found by the
+# package when GTK 4 is there) and fennick-gtk.pc.
+if(TARGET fennick_gtk)
+  install(TARGETS fennick_gtk fennick_gtk_static EXPORT FennickGtkTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  foreach(header ${FENNICK_GTK_PUBLIC_HEADERS})
+    install(FILES ${CMAKE_SOURCE_DIR}/Sources/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fennick/GTK)
+  endforeach()
+  install(EXPORT FennickGtkTargets NAMESPACE Fennick:: DESTINATION ${FENNICK_CMAKE_DIR})
+  install(FILES ${CMAKE_SOURCE_DIR}/cmake/FennickGtk.cmake DESTINATION ${FENNICK_CMAKE_DIR})
+  configure_file(${CMAKE_SOURCE_DIR}/cmake/fennick-gtk.pc.in ${CMAKE_BINARY_DIR}/fennick-gtk.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/fennick-gtk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()

@@ -1,5 +1,6 @@
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -35,15 +36,25 @@ void OVInteractWithUI(std::function<void()> callback) {
   }
 }
 
+namespace {
+std::atomic<UnimplementedAlertPresenter> unimplementedAlertPresenter{nullptr};
+}  // namespace
+
+void setUnimplementedAlertPresenter(UnimplementedAlertPresenter presenter) {
+  unimplementedAlertPresenter.store(presenter, std::memory_order_release);
+}
+
 void OVAssertUnimplemented() {
-  // There is no interface toolkit to show the alert with: its texts go to
-  // standard error. The informative text is quoted exactly as users know it.
-  std::fputs(
-      "Under construction\n"
-      "This part of application in not ready for regular use\n"
-      "[Quit]\n",
-      stderr);
-  std::fflush(stderr);
+  // The informative text is quoted exactly as users know it.
+  constexpr const char* kMessage = "Under construction";
+  constexpr const char* kInformative = "This part of application in not ready for regular use";
+  if (auto presenter = unimplementedAlertPresenter.load(std::memory_order_acquire)) {
+    presenter(kMessage, kInformative, "Quit");
+  } else {
+    // No interface toolkit to show the alert with: the texts go to standard error.
+    std::fprintf(stderr, "%s\n%s\n[Quit]\n", kMessage, kInformative);
+    std::fflush(stderr);
+  }
   std::abort();
 }
 

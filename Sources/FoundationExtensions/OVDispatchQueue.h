@@ -30,9 +30,16 @@ Ref<dispatch::Queue> OVBuildInternalDispatchQueue(std::string_view name);
 /// order, through the main queue. An empty callback is ignored.
 void OVInteractWithUI(std::function<void()> callback);
 
-/// Ends the process after writing the "Under construction" notice (its message,
-/// informative text and button title) to standard error.
+/// Ends the process after showing the "Under construction" notice (message,
+/// informative text and one button "Quit") modally through the installed
+/// interface backend, or, without one, writing its texts to standard error.
 [[noreturn]] void OVAssertUnimplemented();
+/// Shows the notice of OVAssertUnimplemented modally and returns once it was
+/// answered. The interface layer installs one together with its backend;
+/// nullptr (the default) writes the texts to standard error instead.
+using UnimplementedAlertPresenter = void (*)(const char* messageText, const char* informativeText,
+                                             const char* buttonTitle);
+void setUnimplementedAlertPresenter(UnimplementedAlertPresenter presenter);
 /// Ends the process without a message: a branch that cannot be reached was.
 [[noreturn]] void OVAssertUnreachable();
 /// Ends the process without a message: a method that subclasses must override

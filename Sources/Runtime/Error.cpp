@@ -8,6 +8,7 @@
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/KeyedArchiver.h"
 #include "fennick/Runtime/Null.h"
+#include "fennick/Runtime/OVErrorRecoveryAttemptInfo.h"
 #include "fennick/Runtime/Set.h"
 
 #include <cstring>
@@ -23,6 +24,7 @@ FENNICK_DEFINE_CLASS(Error) {
   builder.property("code", &Error::code);
   builder.property("userInfo", &Error::userInfo);
   builder.property("localizedDescription", &Error::localizedDescription);
+  detail::describeErrorRecoveryProperties(builder);
 }
 
 Error::Error() : userInfo_(Dictionary::emptyDictionary()) {}

@@ -5,6 +5,8 @@
 #include "fennick/Runtime/Object.h"
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,6 +14,8 @@ namespace fennick {
 
 class Array;
 class Dictionary;
+class OVErrorRecoveryAttemptInfo;
+class Set;
 
 inline constexpr const char* NSCocoaErrorDomain = "NSCocoaErrorDomain";
 inline constexpr const char* NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
@@ -54,6 +58,60 @@ class Error : public Object {
   Ref<Array> localizedRecoveryOptions() const;
   Id recoveryAttempter() const;
   Ref<Error> underlyingError() const;
+
+  // -- Recovery attempts ------------------------------------------------------
+  // An error may carry an OVErrorRecoveryAttemptInfo (fennick/Runtime/
+  // OVErrorRecoveryAttemptInfo.h): the action for the option a person
+  // chooses and the state of its presentation. Defined in Error+RecoveryAttempt.cpp.
+
+  /// Recovers for the option at `optionIndex` (0 first); returns the error to
+  /// present next, or nullptr.
+  using RecoveryAttemptBlock = std::function<Ref<Error>(const Ref<Error>& error, std::uint64_t optionIndex)>;
+  /// Maps an option index of a wrapping error to one of the wrapped error.
+  using RecoveryOptionMapping = std::function<std::uint64_t(const Ref<Error>& error, std::uint64_t optionIndex)>;
+
+  /// An error whose user info is a copy of `userInfo` with the description,
+  /// recovery suggestion and recovery options (an Array of Strings) set under
+  /// the platform keys; an absent value removes its key.
+  static Ref<Error> errorWithDomain_code_description_recoverySuggestion_recoveryOptions_userInfo(
+      std::string_view domain, std::int64_t code, std::optional<std::string_view> description,
+      std::optional<std::string_view> recoverySuggestion, const Ref<Array>& recoveryOptions,
+      const Ref<Dictionary>& userInfo);
+  /// The same, with a new recovery attempt for `block` under OVErrorRecoveryAttemptInfoKey.
+  static Ref<Error> errorWithDomain_code_description_recoverySuggestion_recoveryOptions_userInfo_recoveryAttemptBlock(
+      std::string_view domain, std::int64_t code, std::optional<std::string_view> description,
+      std::optional<std::string_view> recoverySuggestion, const Ref<Array>& recoveryOptions,
+      const Ref<Dictionary>& userInfo, RecoveryAttemptBlock block);
+  /// The attempt in the user info, or nullptr (also for an entry of another class).
+  Ref<OVErrorRecoveryAttemptInfo> recoveryAttemptInfo() const;
+  /// A new error that wraps this one as its underlying error and offers its
+  /// own texts and options. Choosing option i of the new error recovers this
+  /// one with `mapping(newError, i)` (with i itself when there is no mapping),
+  /// and the new error's attempt ends when this one's does. The new error's
+  /// user info holds only this error and the three texts: `userInfo` is
+  /// ignored on purpose.
+  Ref<Error> overrideWithErrorWithDomain_code_description_recoverySuggestion_recoveryOptions_userInfo_recoveryAttemptBlock(
+      std::string_view domain, std::int64_t code, std::optional<std::string_view> description,
+      std::optional<std::string_view> recoverySuggestion, const Ref<Array>& recoveryOptions,
+      const Ref<Dictionary>& userInfo, RecoveryOptionMapping mapping) const;
+  /// This error's domain, code and user info with a new attempt for `block`
+  /// (replacing any earlier attempt).
+  Ref<Error> errorWithRecoveryAttemptBlock(RecoveryAttemptBlock block) const;
+  /// Recovers with the option at `optionIndex`; the follow-up error, or
+  /// nullptr (always without an attempt).
+  Ref<Error> recoverWithIndexOfOption(std::uint64_t optionIndex) const;
+  /// Ends the attempt, dismissing a running presentation (see
+  /// OVErrorRecoveryAttemptInfo::noNeedForRecoveryOfError).
+  void noNeedForRecovery() const;
+  /// Runs `block` on the main queue when the attempt ends (nothing without an attempt).
+  void notifyRecoveryCompletionWithBlock(std::function<void(bool finishedWithoutDismissal)> block) const;
+  /// The attempt's launched and cancelled flags (false without an attempt);
+  /// observable as "presentationLaunched" and "presentationCancelled".
+  bool isPresentationLaunched() const;
+  bool isPresentationCancelled() const;
+  /// {"recoveryAttemptInfo.launched"} and {"recoveryAttemptInfo.cancelled"}.
+  static Ref<Set> keyPathsForValuesAffectingPresentationLaunched();
+  static Ref<Set> keyPathsForValuesAffectingPresentationCancelled();
 
   bool isEqual(const Object* other) const override;
   std::size_t hash() const override;

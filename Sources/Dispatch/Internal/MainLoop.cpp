@@ -28,6 +28,7 @@ void MainLoop::enqueue(WorkItem* item, bool) {
   size_.fetch_add(1, std::memory_order_seq_cst);
   signal_.fetch_add(1, std::memory_order_seq_cst);
   futexWake(signal_, 1);
+  if (WakeHook hook = wakeHook_.load(std::memory_order_acquire)) hook();
 }
 
 bool MainLoop::runOne() noexcept {

@@ -1,0 +1,30 @@
+#pragma once
+// The main queue served by GLib's main loop, so that a GTK program (or a Qt
+// program, whose event dispatcher on Linux is GLib's) shares one main thread
+// between its toolkit and Fennick.
+namespace fennick::dispatch {
+
+/// Attaches a source to GLib's default main context that runs the blocks of
+/// the main queue whenever that context is iterated (g_main_loop_run,
+/// gtk_application_run, g_main_context_iteration). Call it once at start-up
+/// on any thread; later calls do nothing.
+///
+/// - Blocks submitted from any thread wake the context at once; with nothing
+///   queued the source adds no timer and no polling, so an idle loop sleeps.
+/// - The source has G_PRIORITY_DEFAULT: queued blocks run before idle
+///   callbacks (g_idle_add) and take turns with input and timers of the same
+///   priority. Each dispatch runs the work that was waiting when it began, so
+///   a block that keeps re-submitting itself cannot starve the toolkit.
+/// - Like every main-queue block, the blocks run one at a time: a nested main
+///   loop started from inside a block (a modal dialog) serves GLib sources
+///   but not the main queue until that block returns.
+/// - The default context must be iterated on the process's main thread; a
+///   block would otherwise run off it, and the process aborts instead.
+///
+/// dispatch::main() and runMainQueueUntil() keep working beside the source.
+void attachMainQueueToGLibMainContext();
+
+/// Whether attachMainQueueToGLibMainContext() has run.
+bool isMainQueueAttachedToGLibMainContext() noexcept;
+
+}  // namespace fennick::dispatch
