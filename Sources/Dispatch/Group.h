@@ -28,7 +28,9 @@ class Group : public std::enable_shared_from_this<Group> {
 
   /// One more unfinished task.
   void enter() noexcept;
-  /// One task finished. More leaves than enters abort the process.
+  /// One task finished. More leaves than enters abort the process. The caller
+  /// must hold a reference to the group until leave() returns: a waiter may
+  /// free it as soon as the count reaches zero.
   void leave();
   /// Blocks until the group is emptied or `deadline` passes (FOREVER waits as
   /// long as it takes, NOW only looks). Returns true when the group emptied

@@ -123,8 +123,8 @@ void OVReachability::flagsMayHaveChanged() {
 void OVReachability::notifySubscribers() {
   OVAssertOnQueue(queue());
   const auto current = status();
-  for (const auto& [token, block] : changesBlockByToken_)
-    dispatch::global(QOS_CLASS_UTILITY)->async([block, current] { block(current); });
+  for (const auto& entry : changesBlockByToken_)
+    dispatch::global(QOS_CLASS_UTILITY)->async([block = entry.second, current] { block(current); });
 }
 
 bool OVReachability::isNotifierRunning() const {

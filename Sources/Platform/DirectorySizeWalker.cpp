@@ -97,9 +97,11 @@ class DirectorySizeWalker::Walk {
     waiting_.push_back(folder);
     ++threads_;
     group_->enter();
-    dispatch::global(QOS_CLASS_USER_INITIATED)->async([this] {
+    // The block keeps the group alive: the walk ends, and may be freed, as
+    // soon as the last leave empties it, while that leave is still running.
+    dispatch::global(QOS_CLASS_USER_INITIATED)->async([this, group = group_] {
       work();
-      group_->leave();
+      group->leave();
     });
     return true;
   }

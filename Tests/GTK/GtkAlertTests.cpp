@@ -20,10 +20,11 @@ using nlohmann::json;
 
 namespace {
 
-// One desktop per process (GTK connects to one display, once).
+// One desktop per process (GTK connects to one display, once). A static
+// object, so that the X server and the buses it started end with the process.
 DesktopSession& desktop() {
-  static DesktopSession* session = new DesktopSession();
-  return *session;
+  static DesktopSession session;
+  return session;
 }
 
 class GtkAlertTest : public ::testing::Test {

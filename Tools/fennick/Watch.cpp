@@ -41,9 +41,6 @@ std::string pathOf(const Ref<URL>& url) {
 // at a time, so lines never interleave.
 class EventPrinter : public OVFileObserver {
  public:
-  // Bits that come with their own call, which names the paths involved.
-  static constexpr std::uintptr_t kReportedElsewhere = DISPATCH_VNODE_DELETE | DISPATCH_VNODE_RENAME | DISPATCH_VNODE_REVOKE;
-
   void didChangeWithFlags_forURL(std::uintptr_t flags, const Ref<URL>& url) override {
     static constexpr std::pair<std::uintptr_t, const char*> kNames[] = {
         {DISPATCH_VNODE_WRITE, "write"}, {DISPATCH_VNODE_EXTEND, "extend"},
