@@ -12,6 +12,7 @@ constexpr std::size_t kHeaderSize = 8;    // "bplist00"
 constexpr std::size_t kTrailerSize = 32;  // sizes, object count, top object, offset table
 
 constexpr std::uint8_t kDictionaryMarker = 0xD;
+constexpr std::uint8_t kASCIIStringMarker = 0x5;
 constexpr std::uint8_t kUTF16StringMarker = 0x6;
 constexpr std::uint8_t kIntegerMarker = 0x1;
 
@@ -42,7 +43,9 @@ class BinaryPlist {
   std::optional<std::uint64_t> objectOffset(std::uint64_t object) const {
     if (object >= objectCount_) return std::nullopt;
     auto offset = bigEndian(offsetTable_ + object * offsetSize_, offsetSize_);
-    if (!offset || *offset < kHeaderSize || *offset >= bytes_.size() - kTrailerSize) return std::nullopt;
+    // Checked only against the input's end: the library parses objects at any
+    // offset inside it, the header and the trailer included.
+    if (!offset || *offset >= bytes_.size()) return std::nullopt;
     return offset;
   }
 
@@ -75,6 +78,13 @@ class BinaryPlist {
     return false;
   }
 
+  bool asciiHasNUL(const Header& string) const {
+    if (!fits(string.contents, string.count)) return false;
+    for (std::uint64_t index = 0; index < string.count; ++index)
+      if (byteAt(string.contents + index) == 0) return true;
+    return false;
+  }
+
   bool dictionaryHasKeyWithNUL(const Header& dictionary) const {
     if (dictionary.count > bytes_.size() / referenceSize_ ||
         !fits(dictionary.contents, dictionary.count * referenceSize_))
@@ -83,7 +93,9 @@ class BinaryPlist {
       auto key = bigEndian(dictionary.contents + index * referenceSize_, referenceSize_);
       auto offset = key ? objectOffset(*key) : std::nullopt;
       auto keyHeader = offset ? header(*offset) : std::nullopt;
-      if (keyHeader && keyHeader->kind == kUTF16StringMarker && utf16HasNUL(*keyHeader)) return true;
+      if (!keyHeader) continue;
+      if (keyHeader->kind == kUTF16StringMarker && utf16HasNUL(*keyHeader)) return true;
+      if (keyHeader->kind == kASCIIStringMarker && asciiHasNUL(*keyHeader)) return true;
     }
     return false;
   }
