@@ -44,7 +44,7 @@ test-tsan:
 	@$(CMAKE) -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFENNICK_SANITIZE=thread \
 	  -DFENNICK_BUILD_TESTS=ON -DFENNICK_BUILD_BENCHMARKS=OFF >/dev/null
 	@cmake --build build/tsan -j $(JOBS)
-	@cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/Tests/tsan.supp $(CTEST)
+	@cd build/tsan && G_SLICE=always-malloc TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/Tests/tsan.supp $(CTEST)
 
 # Benchmarks print "ratio <name> <median of peer time / Fennick time>" lines;
 # BENCH_FILTER (a regular expression over comparison names) selects some.
