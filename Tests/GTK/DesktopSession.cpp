@@ -117,8 +117,11 @@ DesktopSession::DesktopSession() {
     failure_ = "cannot make pipes";
     return;
   }
-  // Xvfb picks a free display and writes its number to descriptor 3.
-  xServer_ = startInGroup({"Xvfb", "-displayfd", "3", "-screen", "0", "1024x768x24", "-nolisten", "tcp"}, display[1], 3);
+  // Xvfb picks a free display and writes its number to descriptor 3. It must
+  // not reset when its last client leaves: the accessibility probe connects
+  // and leaves, and a tool connecting during a reset is refused.
+  xServer_ = startInGroup(
+      {"Xvfb", "-displayfd", "3", "-screen", "0", "1024x768x24", "-nolisten", "tcp", "-noreset"}, display[1], 3);
   close(display[1]);
   const auto number = xServer_ > 0 ? readLine(display[0], std::chrono::seconds(30)) : std::nullopt;
   close(display[0]);

@@ -70,7 +70,11 @@ std::optional<std::string> installBackend(const Arguments& arguments, std::size_
     return std::nullopt;
   }
 #if FENNICK_TOOL_HAS_GTK
-  if (!gtk_init_check()) return "cannot open a display (is DISPLAY set?); --answer N answers without one";
+  if (!gtk_init_check()) {
+    const char* display = std::getenv("DISPLAY");
+    return std::string("cannot open the display ") + (display ? display : "(DISPLAY is not set)") +
+           "; --answer N answers without one";
+  }
   gtk::useGtkBackend();
   return std::nullopt;
 #else
