@@ -73,6 +73,7 @@
 #include "fennick/Helpers/OVProactorRuleTable.h"
 #include "fennick/Helpers/OVReachability.h"
 #include "fennick/Helpers/OVReceptionist.h"
+#include "fennick/Helpers/OVReceptionistTypedBlock.h"
 #include "fennick/Helpers/OVReceptionistChangeInfo.h"
 #include "fennick/Helpers/OVReceptionistHandlingInfo.h"
 #include "fennick/Helpers/OVReceptionistStartSubscriptionRequest.h"

@@ -35,6 +35,7 @@
 // whose target answers no suitable selector, start nothing; nothing throws.
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Helpers/OVReceptionist+Advanced.h"
+#include "fennick/Helpers/OVReceptionistTypedBlock.h"
 #include "fennick/Runtime/Object.h"
 
 #include <functional>
@@ -68,6 +69,21 @@ class OVReceptionist : public Object {
                                                        ChangeBlock block);
   void startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(
       const Id& object, std::string_view keyPath, bool wantsInitialInvocation, ChangeBlock block);
+  /// The same with a block that names its classes, for example
+  /// `(const Ref<Meter>&, const std::string&, const Ref<Number>& now, const Ref<Number>& before)`:
+  /// the object and the values are cast once, and one that is nil or of
+  /// another class arrives as nil (see OVReceptionistTypedBlock.h).
+  template <detail::TypedChangeBlock F>
+  void startObservationOfObject_forKeyPath_changeBlock(const Id& object, std::string_view keyPath, F block) {
+    startObservationOfObject_forKeyPath_changeBlock(object, keyPath, detail::untypedChangeBlock(std::move(block)));
+  }
+  template <detail::TypedChangeBlock F>
+  void startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(const Id& object,
+                                                                              std::string_view keyPath,
+                                                                              bool wantsInitialInvocation, F block) {
+    startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(
+        object, keyPath, wantsInitialInvocation, detail::untypedChangeBlock(std::move(block)));
+  }
   /// Calls `action` on `target` (not retained) with as many of changed object,
   /// new value and old value as its selector takes; without an action, the
   /// longest "didChange<Key>OfObject:newValue:oldValue:" form the target has.

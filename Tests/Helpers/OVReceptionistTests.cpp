@@ -210,6 +210,35 @@ TEST(OVReceptionist, InitialInvocationCarriesTheCurrentValueAndNoOldValue) {
   EXPECT_EQ(first->changeDictionary()->objectForKey(NSKeyValueChangeOldKey), nullptr);
 }
 
+TEST(OVReceptionist, TypedBlocksGetTheirClassesAndNilForAnyOther) {
+  auto receptionist = OVReceptionist::init();
+  auto gauge = Gauge::gauge(3);
+  std::vector<std::string> levels;
+  receptionist->startObservationOfObject_forKeyPath_wantsInitialInvocation_changeBlock(
+      gauge, "level", true,
+      [&](const Ref<Gauge>& object, const std::string&, const Ref<Number>& now, const Ref<Number>& before) {
+        EXPECT_EQ(object, gauge);
+        levels.push_back(std::to_string(now->integerValue()) +
+                         (before ? "<" + std::to_string(before->integerValue()) : ""));
+      });
+  gauge->setValueForKey(Number::of(4), "level");
+  EXPECT_EQ(levels, (std::vector<std::string>{"3", "4<3"}));
+
+  // A label that is a number where a string is expected arrives as nil; an
+  // untyped old value comes through unconverted.
+  std::vector<std::pair<Ref<String>, Id>> labels;
+  receptionist->startObservationOfObject_forKeyPath_changeBlock(
+      gauge, "label", [&](const Id&, const std::string&, Ref<String> now, const Id& before) {
+        labels.emplace_back(std::move(now), before);
+      });
+  gauge->setValueForKey("north"_s, "label");
+  gauge->setValueForKey(Number::of(7), "label");
+  ASSERT_EQ(labels.size(), 2u);
+  EXPECT_TRUE(labels[0].first->isEqual("north"_s));
+  EXPECT_EQ(labels[1].first, nullptr);
+  EXPECT_TRUE(labels[1].second->isEqual("north"_s));
+}
+
 TEST(OVReceptionist, PriorNotificationsReachOnlyPriorSubscribersInReverseOrder) {
   auto receptionist = OVReceptionist::init();
   auto gauge = Gauge::gauge();
