@@ -13,7 +13,7 @@ FENNICK_DEFINE_CLASS(OVFileMonitor) {}
 Ref<dispatch::Source> makeWatcher(const Ref<URL>& url, Ref<dispatch::Queue> queue,
                                   std::function<void(std::uintptr_t)> eventHandler,
                                   std::function<void()> cancelHandler) {
-  if (!url || !url->fileSystemRepresentation()) return nullptr;
+  if (!url || !url->isFileURL()) return nullptr;
   Ref<dispatch::Source> source =
       platform::makeVnodeEventSource(*url, OVFileMonitorEventMask, std::move(queue), std::move(cancelHandler));
   if (!source) return nullptr;
@@ -54,7 +54,7 @@ Ref<OVFileMonitor> OVFileMonitor::initWithURL_targetQueue(const Ref<URL>& url, R
   if (!url) return nullptr;
   Ref<URL> referenceURL = url->fileReferenceURL();
   Ref<URL> pathURL = url->filePathURL();
-  if (!referenceURL) return nullptr;
+  if (!referenceURL || !pathURL) return nullptr;  // no such item, or it was deleted
 
   auto queue = OVBuildInternalDispatchQueue(fmt::format("file-monitor-{}", url->lastPathComponent()));
   queue->setTarget(std::move(targetQueue));

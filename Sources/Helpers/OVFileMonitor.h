@@ -58,7 +58,7 @@ class OVFileObserver {
 /// A suspended vnode event source on `url`'s item (a file reference URL in a
 /// monitor's use) delivering on `queue`: `eventHandler` receives the coalesced
 /// bits of each run, `cancelHandler` runs after the item's hold is released.
-/// Nil when the URL has no file-system path or the item cannot be watched
+/// Nil when the URL is not a file URL or the item cannot be watched
 /// (gone, or the inotify watch limit reached). The caller resumes the source.
 Ref<dispatch::Source> makeWatcher(const Ref<URL>& url, Ref<dispatch::Queue> queue,
                                   std::function<void(std::uintptr_t)> eventHandler,

@@ -41,21 +41,14 @@ Ref<LinuxFileIdentity> FileIdentityTable::liveIdentityLocked(const Key& key) con
 }
 
 Ref<LinuxFileIdentity> FileIdentityTable::identityOfItemAtPath(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return nullptr;
-  {
-    std::lock_guard lock(mutex_);
-    if (auto live = liveIdentityLocked({status.st_dev, status.st_ino})) return live;
-  }
-  // The item may have been replaced since the stat: the opened descriptor
-  // decides which item this is.
+  // One walk of the path: the opened descriptor decides which item this is.
+  // When the item already has a live identity, that one is shared and ours
+  // dies after the lock is released (its destructor comes back here).
   Ref<LinuxFileIdentity> opened = openIdentity(path);
   if (!opened) return nullptr;
   std::call_once(followingMounts_, [this] { followMountTable(); });
   const Key key{opened->device(), opened->inode()};
   std::lock_guard lock(mutex_);
-  // Another caller may have won the race: theirs is the one to share, and
-  // ours dies after the lock is released (its destructor comes back here).
   if (auto live = liveIdentityLocked(key)) return live;
   identities_[key] = opened;
   return opened;
