@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <regex>
 #include <string>
@@ -64,9 +66,19 @@ double median(std::vector<double> values) {
   return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
-void registerInterleaved(const std::regex* filter, int repetitions) {
+constexpr const char* kInNamespace = "FENNICK_BENCH_IN_NETNS";
+
+bool insideNamespace() { return std::getenv(kInNamespace) != nullptr; }
+
+// This process runs the comparisons that fit where it is: inside the private
+// namespace only those that need it, outside only the others.
+bool runsHere(const Comparison& comparison, const std::regex& filter) {
+  return std::regex_search(comparison.name, filter) && comparison.options.networkNamespace == insideNamespace();
+}
+
+void registerInterleaved(const std::regex& filter, int repetitions) {
   for (const Comparison& comparison : comparisons()) {
-    if (filter && !std::regex_search(comparison.name, *filter)) continue;
+    if (!runsHere(comparison, filter)) continue;
     for (int r = 0; r < repetitions; ++r) {
       for (bool ours : {true, false}) {
         const std::string name = comparison.name + (ours ? "/fennick/" : "/peer/") + std::to_string(r);
@@ -105,6 +117,36 @@ void printRatios() {
   }
 }
 
+std::string quoted(const std::string& text) {
+  std::string result = "'";
+  for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return result + "'";
+}
+
+// Starts this program again in a new user and network namespace for the
+// comparisons that need one; their lines follow this process's own.
+int runNamespaceComparisons(const std::regex& filter, int repetitions, const std::vector<char*>& rest) {
+  std::string names;
+  std::vector<std::string> selected;
+  for (const Comparison& comparison : comparisons()) {
+    if (!comparison.options.networkNamespace || !std::regex_search(comparison.name, filter)) continue;
+    names += (names.empty() ? "" : "|") + comparison.name;
+    selected.push_back(comparison.name);
+  }
+  if (selected.empty()) return 0;
+  std::fflush(stdout);
+  if (std::system("unshare -rn true >/dev/null 2>&1") != 0) {
+    for (const auto& name : selected)
+      std::printf("skip %s: network namespaces are unavailable here (unshare -rn failed)\n", name.c_str());
+    return 0;
+  }
+  std::string command = std::string(kInNamespace) + "=1 unshare -rn " +
+                        quoted(std::filesystem::read_symlink("/proc/self/exe"));
+  command += " " + quoted("--filter=^(" + names + ")$") + " --repetitions=" + std::to_string(repetitions);
+  for (std::size_t i = 1; i < rest.size(); ++i) command += " " + quoted(rest[i]);
+  return std::system(command.c_str()) == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 ComparisonRegistrar::ComparisonRegistrar(const char* name, Body fennick, Body peer, ComparisonOptions options) {
@@ -128,10 +170,11 @@ int main(int argc, char** argv) {
   int restCount = static_cast<int>(rest.size());
   benchmark::Initialize(&restCount, rest.data());
   std::regex filter(filterText.empty() ? "." : filterText);
-  fennick::bench::registerInterleaved(&filter, repetitions);
+  fennick::bench::registerInterleaved(filter, repetitions);
   fennick::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   fennick::bench::printRatios();
-  return 0;
+  if (fennick::bench::insideNamespace()) return 0;
+  return fennick::bench::runNamespaceComparisons(filter, repetitions, rest);
 }

@@ -17,6 +17,9 @@ struct ComparisonOptions {
   double goal = 0;        // the ratio to reach; 0 when the line only records a cost
   int iterations = 0;     // fixed iterations per repetition; 0 lets the library choose
   double minTime = 0.2;   // seconds per repetition when iterations is 0
+  // Runs in a private user and network namespace: the driver starts itself
+  // again under `unshare -rn` for these comparisons.
+  bool networkNamespace = false;
 };
 
 struct ComparisonRegistrar {
