@@ -117,12 +117,13 @@ void OVReachability::flagsMayHaveChanged() {
   const auto flags = reachabilityFlags();
   if (flags == lastFlags_) return;
   lastFlags_ = flags;
-  notifySubscribers();
+  notifySubscribersOfStatus(statusForFlags(flags));
 }
 
-void OVReachability::notifySubscribers() {
+void OVReachability::notifySubscribers() { notifySubscribersOfStatus(status()); }
+
+void OVReachability::notifySubscribersOfStatus(std::int64_t current) {
   OVAssertOnQueue(queue());
-  const auto current = status();
   for (const auto& entry : changesBlockByToken_)
     dispatch::global(QOS_CLASS_UTILITY)->async([block = entry.second, current] { block(current); });
 }

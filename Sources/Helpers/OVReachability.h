@@ -86,6 +86,7 @@ class OVReachability : public Object {
   void stopNotifier();
   /// Notifies when the flags differ from the last ones seen.
   void flagsMayHaveChanged();
+  void notifySubscribersOfStatus(std::int64_t status);
 
   const Target target_;
   // Touched only on queue():

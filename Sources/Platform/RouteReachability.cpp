@@ -15,21 +15,6 @@ namespace fennick::platform {
 
 namespace {
 
-// Closes a descriptor on every path.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 struct Route {
   unsigned char type = RTN_UNSPEC;
   unsigned flags = 0;
@@ -37,12 +22,46 @@ struct Route {
   bool hasGateway = false;
 };
 
+// Sockets that lookups reuse: each thread keeps its own, since a change can
+// cause several lookups in a row and opening sockets costs more than asking.
+// A socket that failed is closed and opened afresh on the next use.
+class ThreadSocket {
+ public:
+  ThreadSocket(int domain, int type, int protocol) : domain_(domain), type_(type), protocol_(protocol) {}
+  ~ThreadSocket() { reset(); }
+  ThreadSocket(const ThreadSocket&) = delete;
+  ThreadSocket& operator=(const ThreadSocket&) = delete;
+  int get() {
+    if (fd_ < 0) fd_ = ::socket(domain_, type_ | SOCK_CLOEXEC, protocol_);
+    return fd_;
+  }
+  void reset() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int domain_, type_, protocol_;
+  int fd_ = -1;
+};
+
+ThreadSocket& interfaceProbe() {
+  thread_local ThreadSocket probe(AF_INET, SOCK_DGRAM, 0);
+  return probe;
+}
+
+ThreadSocket& routeSocket() {
+  thread_local ThreadSocket route(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+  return route;
+}
+
 // Whether the interface is up with its carrier; nullopt when it is gone.
 std::optional<bool> interfaceIsRunning(int index) {
+  const int probe = interfaceProbe().get();
+  if (probe < 0) return std::nullopt;
   ifreq request{};
-  if (!if_indextoname(static_cast<unsigned>(index), request.ifr_name)) return std::nullopt;
-  Descriptor probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (probe.get() < 0 || ::ioctl(probe.get(), SIOCGIFFLAGS, &request) != 0) return std::nullopt;
+  request.ifr_ifindex = index;
+  if (::ioctl(probe, SIOCGIFNAME, &request) != 0 || ::ioctl(probe, SIOCGIFFLAGS, &request) != 0) return std::nullopt;
   const int flags = request.ifr_flags;
   return (flags & IFF_UP) && (flags & (IFF_RUNNING | IFF_LOOPBACK));
 }
@@ -73,21 +92,32 @@ std::uint32_t flagsForRoute(const Route& route) {
 
 // Sends one request and calls `visit` with each answer until the kernel is
 // done; false when the socket fails or the kernel answers with an error.
+// Answers to an earlier request that was left unfinished are skipped by
+// their sequence number.
 template <class Visit>
 bool exchange(nlmsghdr* request, Visit visit) {
-  Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-  if (socket.get() < 0) return false;
+  thread_local std::uint32_t sequence = 0;
+  ThreadSocket& route = routeSocket();
+  const int socket = route.get();
+  if (socket < 0) return false;
+  request->nlmsg_seq = ++sequence;
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
-  if (::sendto(socket.get(), request, request->nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0)
+  if (::sendto(socket, request, request->nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0) {
+    route.reset();
     return false;
+  }
   alignas(nlmsghdr) char buffer[16384];
   for (;;) {
-    const ssize_t received = ::recv(socket.get(), buffer, sizeof buffer, 0);
+    const ssize_t received = ::recv(socket, buffer, sizeof buffer, 0);
     if (received < 0 && errno == EINTR) continue;
-    if (received <= 0) return false;
+    if (received <= 0) {
+      route.reset();
+      return false;
+    }
     auto length = static_cast<unsigned>(received);
     for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
+      if (header->nlmsg_seq != request->nlmsg_seq) continue;
       if (header->nlmsg_type == NLMSG_DONE) return true;
       if (header->nlmsg_type == NLMSG_ERROR) return static_cast<const nlmsgerr*>(NLMSG_DATA(header))->error == 0;
       visit(header);
