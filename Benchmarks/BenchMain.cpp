@@ -91,6 +91,23 @@ void registerInterleaved(const std::regex& filter, int repetitions) {
   }
 }
 
+// Two decimals, or two significant digits for ratios far below one.
+std::string figure(double ratio) {
+  char text[32];
+  std::snprintf(text, sizeof text, ratio >= 0.1 ? "%.2f" : "%.2g", ratio);
+  return text;
+}
+
+// A per-iteration time (nanoseconds) in a readable unit.
+std::string duration(double nanoseconds) {
+  char text[32];
+  if (nanoseconds < 1e3) std::snprintf(text, sizeof text, "%.3g ns", nanoseconds);
+  else if (nanoseconds < 1e6) std::snprintf(text, sizeof text, "%.3g us", nanoseconds / 1e3);
+  else if (nanoseconds < 1e9) std::snprintf(text, sizeof text, "%.3g ms", nanoseconds / 1e6);
+  else std::snprintf(text, sizeof text, "%.3g s", nanoseconds / 1e9);
+  return text;
+}
+
 void printRatios() {
   std::printf("\n");
   for (const Comparison& comparison : comparisons()) {
@@ -105,15 +122,18 @@ void printRatios() {
     if (n == 0) continue;
     std::vector<double> ratios;
     for (std::size_t i = 0; i < n; ++i) ratios.push_back(times.peer[i] / times.fennick[i]);
-    const double ratio = median(times.peer) / median(times.fennick);
+    const double ours = median(times.fennick), theirs = median(times.peer);
+    const double ratio = theirs / ours;
+    const std::string costs = duration(ours) + " against " + duration(theirs);
     const double goal = comparison.options.goal;
     if (goal > 0)
-      std::printf("ratio %s %.2f  (goal >= %g: %s)\n", comparison.name.c_str(), ratio, goal,
-                  ratio >= goal ? "met" : "missed");
+      std::printf("ratio %s %s  (goal >= %g: %s; %s)\n", comparison.name.c_str(), figure(ratio).c_str(), goal,
+                  ratio >= goal ? "met" : "missed", costs.c_str());
     else
-      std::printf("ratio %s %.2f  (recorded, no goal)\n", comparison.name.c_str(), ratio);
-    std::printf("range %s %.2f %.2f\n", comparison.name.c_str(),
-                *std::min_element(ratios.begin(), ratios.end()), *std::max_element(ratios.begin(), ratios.end()));
+      std::printf("ratio %s %s  (recorded, no goal; %s)\n", comparison.name.c_str(), figure(ratio).c_str(),
+                  costs.c_str());
+    std::printf("range %s %s %s\n", comparison.name.c_str(), figure(*std::min_element(ratios.begin(), ratios.end())).c_str(),
+                figure(*std::max_element(ratios.begin(), ratios.end())).c_str());
   }
 }
 

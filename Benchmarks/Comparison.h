@@ -2,7 +2,7 @@
 // A comparison measures one Fennick operation and the same work done by a
 // peer in the same run. Each side runs several times, alternating with the
 // other, and the driver prints
-//     ratio <name> <median peer time / median Fennick time>  [goal >= G]
+//     ratio <name> <median peer time / median Fennick time>  (goal; both medians)
 //     range <name> <lowest> <highest per-repetition ratio>
 // so a value above 1 means Fennick is faster. A side that cannot run here (a
 // missing namespace, tool or daemon) calls state.SkipWithError("why"); the
