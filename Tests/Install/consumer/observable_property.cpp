@@ -32,9 +32,10 @@ int main() {
   auto receptionist = OVReceptionist::init();
   receptionist->startObservationOfObject_forKeyPath_changeBlock(
       thermometer, "celsius",
-      [](const Id&, const std::string& keyPath, const Id& newValue, const Id& oldValue) {
-        std::printf("%s: %s -> %s\n", keyPath.c_str(), oldValue->description().c_str(),
-                    newValue->description().c_str());
+      // The block names the classes it expects; values arrive cast.
+      [](const Ref<Thermometer>&, const std::string& keyPath, const Ref<Number>& now,
+         const Ref<Number>& before) {
+        std::printf("%s: %g -> %g\n", keyPath.c_str(), before->doubleValue(), now->doubleValue());
       });
   thermometer->setCelsius(21.5);
   std::puts("observable_property: ok");
