@@ -61,8 +61,15 @@ class FileSet {
   std::string pathOf(int index) {
     return folder_ / ((onRight_[index] ? "right/f" : "left/f") + std::to_string(index));
   }
-  const Ref<URL>& reference(int index) const { return references_[index]; }
-  void dropReferences() { references_.clear(); }
+  // The item now at the file's place: observers mostly watch living items.
+  Ref<URL> reference(int index) {
+    std::lock_guard lock(mutex_);
+    return references_[index];
+  }
+  void dropReferences() {
+    std::lock_guard lock(mutex_);
+    references_.clear();
+  }
 
   void mutate(std::mt19937& random) {
     const int index = static_cast<int>(random() % kFiles);
@@ -80,6 +87,7 @@ class FileSet {
       default:  // delete and create again: another item at the same path
         ::unlink(pathOf(index).c_str());
         filetest::writeFile(pathOf(index), "new");
+        references_[index] = URL::fileURLWithPath(pathOf(index))->fileReferenceURL();
     }
   }
 
@@ -135,6 +143,13 @@ TEST(FileMonitoringStressTest, ObserversComeAndGoWhileFilesChange) {
   const auto& manager = OVFileMonitoringManager::defaultMonitor();
   {
     FileSet files(folder);
+    // An item deleted before the manager reaches its registration gets no
+    // monitor, nor do the folders above it; on a slow run that can be every
+    // one. A recursive observer of an untouched file makes the folder
+    // monitors whatever the timing.
+    filetest::writeFile(folder / "left/anchor", "x");
+    const Ref<URL> anchor = URL::fileURLWithPath(folder / "left/anchor");
+    const auto anchorToken = manager->addObserverOfURL_isRecursive_withBlock(anchor, true, [](std::uintptr_t) {});
     std::atomic<bool> observing{true};
     std::vector<std::thread> mutators;
     for (int seed = 0; seed < 2; ++seed) {
@@ -164,6 +179,7 @@ TEST(FileMonitoringStressTest, ObserversComeAndGoWhileFilesChange) {
     for (auto& thread : observers) thread.join();
     observing = false;
     for (auto& thread : mutators) thread.join();
+    manager->removeObserver(anchorToken);
     manager->internalQueue()->sync([] {});
     files.dropReferences();
   }
