@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string_view>
 
 namespace fennick::platform {
@@ -13,12 +14,16 @@ namespace {
 
 constexpr const char* kMountInfo = "/proc/self/mountinfo";
 
-std::string readWholeFile(int descriptor) {
+std::optional<std::string> readWholeFile(int descriptor) {
   std::string text;
   char buffer[16384];
   for (;;) {
     const ssize_t length = ::read(descriptor, buffer, sizeof buffer);
-    if (length <= 0) return text;
+    if (length == 0) return text;
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      return std::nullopt;
+    }
     text.append(buffer, static_cast<std::size_t>(length));
   }
 }
@@ -76,13 +81,14 @@ MountTable& MountTable::shared() {
   return *table;
 }
 
-std::vector<MountTable::Mount> MountTable::readMounts() {
-  std::vector<Mount> mounts;
+std::optional<std::vector<MountTable::Mount>> MountTable::readMounts() {
   const int descriptor = ::open(kMountInfo, O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return mounts;
-  const std::string text = readWholeFile(descriptor);
+  if (descriptor < 0) return std::nullopt;
+  const std::optional<std::string> text = readWholeFile(descriptor);
   ::close(descriptor);
-  std::string_view rest = text;
+  if (!text) return std::nullopt;
+  std::vector<Mount> mounts;
+  std::string_view rest = *text;
   while (!rest.empty()) {
     const auto end = rest.find('\n');
     if (auto mount = parseLine(rest.substr(0, end))) mounts.push_back(std::move(*mount));
@@ -92,7 +98,9 @@ std::vector<MountTable::Mount> MountTable::readMounts() {
 }
 
 std::optional<std::string> MountTable::mountPointOfMount(std::uint64_t id) {
-  for (auto& mount : readMounts())
+  std::optional<std::vector<Mount>> mounts = readMounts();
+  if (!mounts) return std::nullopt;
+  for (auto& mount : *mounts)
     if (mount.id == id) return std::move(mount.mountPoint);
   return std::nullopt;
 }
@@ -123,7 +131,15 @@ void MountTable::tableChanged() {
   epoll_event events[4];
   while (::epoll_wait(epoll_, events, 4, 0) > 0) {
   }
-  const std::vector<std::uint64_t> ids = idsOf(readMounts());
+  // A table we could not read says nothing about which mounts are gone;
+  // taking it for an empty one would revoke every item in the process. The
+  // change is not lost: the table is read again shortly.
+  const std::optional<std::vector<Mount>> mounts = readMounts();
+  if (!mounts) {
+    queue_->after(dispatch::Time::after(std::chrono::milliseconds(100)), [this] { tableChanged(); });
+    return;
+  }
+  const std::vector<std::uint64_t> ids = idsOf(*mounts);
   std::vector<Listener> listeners;
   {
     std::lock_guard lock(mutex_);

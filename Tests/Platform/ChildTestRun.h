@@ -13,9 +13,11 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -48,22 +50,30 @@ inline ChildRun runTestInChild(const std::string& testName, const ChildSetup& se
   for (const std::string& variable : setup.environment) environment.push_back(const_cast<char*>(variable.c_str()));
   environment.push_back(const_cast<char*>(marker.c_str()));
   environment.push_back(nullptr);
+  // Raw system calls only in the child: made by clone() below, it bypasses
+  // the fork handling of a sanitizer's runtime, whose locks another thread
+  // may have held at that moment.
   auto writeAll = [](const char* path, const char* text) {
-    const int descriptor = ::open(path, O_WRONLY | O_CLOEXEC);
+    const auto descriptor = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CLOEXEC));
     if (descriptor < 0) return false;
-    const auto length = static_cast<ssize_t>(std::strlen(text));
-    const bool written = ::write(descriptor, text, static_cast<std::size_t>(length)) == length;
-    ::close(descriptor);
+    const auto length = static_cast<long>(std::strlen(text));
+    const bool written = ::syscall(SYS_write, descriptor, text, length) == length;
+    ::syscall(SYS_close, descriptor);
     return written;
   };
-  const pid_t child = ::fork();
+  // The namespaces come with the child itself: unshare() refuses a new user
+  // namespace to a process with more than one thread, and a sanitizer's
+  // runtime may start one in a child of fork().
+  const pid_t child = setup.privateNamespace
+                          ? static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD | CLONE_NEWUSER | CLONE_NEWNS, nullptr,
+                                                         nullptr, nullptr, nullptr))
+                          : ::fork();
   if (child == 0) {
     if (setup.privateNamespace) {
-      if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ::_exit(kChildCannotSetUp);
       if (!writeAll("/proc/self/setgroups", "deny") || !writeAll("/proc/self/uid_map", uidMap.c_str()) ||
           !writeAll("/proc/self/gid_map", gidMap.c_str()))
         ::_exit(kChildCannotSetUp);
-      if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) ::_exit(kChildCannotSetUp);
+      if (::syscall(SYS_mount, "none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) ::_exit(kChildCannotSetUp);
     }
     if (setup.unprivileged && ::geteuid() == 0) {
       constexpr uid_t kNobody = 65534;

@@ -29,8 +29,10 @@ class MountTable {
   /// The one table of the process (never destroyed).
   static MountTable& shared();
 
-  /// The mounts as the table lists them now; empty when it cannot be read.
-  static std::vector<Mount> readMounts();
+  /// The mounts as the table lists them now; nothing when the table cannot
+  /// be read in full (no descriptor left, a read error), which is not the
+  /// same as a table without mounts.
+  static std::optional<std::vector<Mount>> readMounts();
   /// The mount point of the mount with ID `id`, if it is in the table now.
   static std::optional<std::string> mountPointOfMount(std::uint64_t id);
 
