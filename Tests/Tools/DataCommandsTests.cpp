@@ -72,6 +72,8 @@ TEST(SQLiteCommand, PrintsRowsAsJSONLinesAndErrorsWithTheirCodes) {
   EXPECT_EQ(runTool({"sqlite", path, "SELECT * FROM albums"}).err, "fennick sqlite: 1 - no such table: albums\n");
   EXPECT_EQ(runTool({"sqlite", dir.path() + "/none.db", "SELECT 1"}).err,
             "fennick sqlite: " + dir.path() + "/none.db: no such file\n");
+  EXPECT_EQ(runTool({"sqlite", ":memory:", "SELECT 6 * 7 AS answer, x'00ff' AS bytes, ? AS word", "hi"}).out,
+            "{\"answer\":42,\"bytes\":\"AP8=\",\"word\":\"hi\"}\n");
   EXPECT_EQ(runTool({"sqlite", path}).status, 2);
 }
 

@@ -4,6 +4,8 @@
 #include "DataCommands.h"
 #include "Progress.h"
 
+#include <sqlite3.h>
+
 namespace fennick::tool {
 
 namespace {
@@ -19,11 +21,22 @@ std::string openProblem(const Ref<Error>& error) {
   }
 }
 
+// The library opens existing files only; a person trying out a statement
+// may name SQLite's own in-memory database instead.
+sqlite3* openDatabase(const std::string& name, std::uint64_t mode, Ref<Error>* error) {
+  if (name != ":memory:") return OVSQLiteOpenDatabase(URL::fileURLWithPath(name), mode, error);
+  sqlite3* database = nullptr;
+  if (sqlite3_open_v2(":memory:", &database, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) return database;
+  sqlite3_close(database);
+  *error = Error::errorWithDomain_code_userInfo(OVSQLiteErrorDomain, OVSQLiteErrorOpenFailed, nullptr);
+  return nullptr;
+}
+
 int runSQLite(const Arguments& arguments) {
   const auto& words = arguments.positional();
   Ref<Error> error;
   const std::uint64_t mode = arguments.has("write") ? OVSQLiteOpenModeReadWrite : OVSQLiteOpenModeReadOnly;
-  sqlite3* database = OVSQLiteOpenDatabase(URL::fileURLWithPath(words[0]), mode, &error);
+  sqlite3* database = openDatabase(words[0], mode, &error);
   if (!database) return fail("sqlite", words[0] + ": " + openProblem(error));
   std::unique_ptr<sqlite3, bool (*)(sqlite3*)> closer(database, OVSQLiteCloseDatabase);
 
@@ -49,7 +62,8 @@ FENNICK_TOOL_COMMAND({.name = "sqlite",
                       .summary = "run one SQL statement and print the rows as JSON lines",
                       .usage = "usage: fennick sqlite [--write] DATABASE SQL [ARGUMENT...]\n\n"
                                "Runs the first statement of SQL on the existing database file DATABASE\n"
-                               "(opened read-only unless --write) and prints each row as one JSON object\n"
+                               "(opened read-only unless --write), or on an empty database in memory when\n"
+                               "DATABASE is \":memory:\", and prints each row as one JSON object\n"
                                "keyed by column name. Each ARGUMENT is bound, as text, to the next \"?\"\n"
                                "of the statement. Blobs print as base64 strings.\n"
                                "Errors print SQLite's code and message, for example\n"
