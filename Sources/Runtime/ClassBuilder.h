@@ -108,8 +108,11 @@ class ClassBuilder {
     return addProperty(std::move(key), getter, setter, false);
   }
   /// A read-write property whose changes through key-value coding notify
-  /// observers automatically. C++ callers of the setter should use
-  /// Object::setValueForKey, or the setter should call setAndNotify itself.
+  /// observers automatically; the setter just assigns, and C++ callers that
+  /// want observers told use Object::setValueForKey. A setter that notifies by
+  /// itself (setAndNotify) belongs with property(): declared here it would
+  /// announce each change twice, and the program aborts at its first change
+  /// through key-value coding, naming the class and the key.
   template <class Getter, class Setter>
   ClassBuilder& observableProperty(std::string key, Getter getter, Setter setter) {
     return addProperty(std::move(key), getter, setter, true);

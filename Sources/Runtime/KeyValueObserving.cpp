@@ -23,10 +23,14 @@
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Null.h"
 #include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/Internal/AutomaticChange.h"
 #include "fennick/Runtime/Internal/SideTable.h"
 #include "fennick/Runtime/String.h"
 
 #include <fmt/format.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include <algorithm>
 #include <atomic>
@@ -470,7 +474,36 @@ std::size_t Object::observationCountForKeyPath(std::string_view keyPath) const {
       [&](const Ref<Observation>& o) { return o->keyPath == keyPath; }));
 }
 
+// -- Automatic notifications -----------------------------------------------------------
+
+namespace detail {
+namespace {
+thread_local AutomaticChangeFrame* innermostAutomaticChange = nullptr;
+}  // namespace
+
+AutomaticChangeFrame::AutomaticChangeFrame(const Object& object, std::string_view key) noexcept
+    : object_(&object), key_(key), outer_(innermostAutomaticChange) {
+  innermostAutomaticChange = this;
+}
+
+AutomaticChangeFrame::~AutomaticChangeFrame() { innermostAutomaticChange = outer_; }
+
+void AutomaticChangeFrame::checkManualChange(const Object& object, std::string_view key) {
+  for (const AutomaticChangeFrame* frame = innermostAutomaticChange; frame; frame = frame->outer_) {
+    if (frame->object_ != &object || frame->key_ != key) continue;
+    std::fprintf(stderr,
+                 "fennick: the setter of %s's observable property \"%.*s\" notifies observers itself, "
+                 "so every change through key-value coding would be announced twice; declare the key "
+                 "with property(key, getter, setter), or let the setter just assign\n",
+                 object.objectClass()->name().c_str(), static_cast<int>(key.size()), key.data());
+    std::abort();
+  }
+}
+
+}  // namespace detail
+
 void Object::willChangeValueForKey(std::string_view key) {
+  if (detail::innermostAutomaticChange) detail::AutomaticChangeFrame::checkManualChange(*this, key);
   detail::SideTable* table = sideTable();
   if (!table) return;
   Ref<const detail::TriggerList> triggers = table->triggersForKey(key);

@@ -5,6 +5,7 @@
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Null.h"
 #include "fennick/Runtime/Set.h"
+#include "fennick/Runtime/Internal/AutomaticChange.h"
 #include "fennick/Runtime/Internal/SideTable.h"
 
 #include <fmt/format.h>
@@ -78,7 +79,10 @@ void Object::setValueForKey(const Id& value, std::string_view key) {
   if (!value && property->isScalar) return setNilValueForKey(key);
   if (!property->notifiesAutomatically) return property->setter(*this, value);
   ValueChangeScope change(*this, key);
-  property->setter(*this, value);
+  {
+    const detail::AutomaticChangeFrame frame(*this, key);
+    property->setter(*this, value);
+  }
   change.commit();
 }
 

@@ -397,6 +397,46 @@ TEST(KeyValueObserving, DataMemberPropertiesNotifyOncePerChange) {
   EXPECT_EQ(seen, std::vector<std::string>{"Draft"});
 }
 
+// A setter that notifies by itself, declared both ways: as a plain property
+// it is announced once; as an observable property it would be announced twice
+// (once automatically), which stops the program at the first change. Setting
+// the same key of another object from inside the setter is not that mistake.
+class SelfNotifyingNote : public Object {
+  FENNICK_DECLARE_CLASS(SelfNotifyingNote, Object)
+
+ public:
+  std::string title() const { return title_; }
+  void setTitle(std::string title) {
+    if (linked) linked->setValueForKey(String::string(title), "title");
+    setAndNotify("title", title_, std::move(title));
+  }
+  std::string title_;
+  Ref<Note> linked;
+};
+FENNICK_DEFINE_CLASS(SelfNotifyingNote) { builder.property("title", &SelfNotifyingNote::title, &SelfNotifyingNote::setTitle); }
+
+class DoublyNotifyingNote : public SelfNotifyingNote {
+  FENNICK_DECLARE_CLASS(DoublyNotifyingNote, SelfNotifyingNote)
+};
+FENNICK_DEFINE_CLASS(DoublyNotifyingNote) {
+  builder.observableProperty("title", &DoublyNotifyingNote::title, &DoublyNotifyingNote::setTitle);
+}
+
+TEST(KeyValueObservingDeathTest, AnObservablePropertyWhoseSetterAlsoNotifiesStopsAtItsFirstChange) {
+  auto note = make<SelfNotifyingNote>();
+  note->linked = make<Note>();
+  int heard = 0;
+  KeyValueObservation watch =
+      note->addObserver_forKeyPath_options("title", NSKeyValueObservingOptionNew, [&](const Ref<Dictionary>&) { ++heard; });
+  note->setValueForKey("Draft"_s, "title");
+  EXPECT_EQ(heard, 1);
+  EXPECT_EQ(note->linked->title_, "Draft");
+
+  auto doubly = make<DoublyNotifyingNote>();
+  EXPECT_DEATH(doubly->setValueForKey("Draft"_s, "title"),
+               "setter of DoublyNotifyingNote's observable property \"title\" notifies observers itself");
+}
+
 TEST(KeyValueObserving, CallableObservationLastsAsLongAsItsHandle) {
   auto ada = Person::person("Ada");
   std::vector<std::string> seen;
