@@ -113,10 +113,7 @@ void InotifyHub::unwatch(const std::shared_ptr<Registration>& registration) {
   releaseIfUnusedLocked(watch);
 }
 
-std::size_t InotifyHub::watchCount() const {
-  std::lock_guard lock(mutex_);
-  return watches_.size();
-}
+std::size_t InotifyHub::watchCount() const { return watchCount_.load(std::memory_order_acquire); }
 
 InotifyHub::WatchRef InotifyHub::acquireLocked(Ref<const LinuxFileIdentity> identity) {
   int descriptor = -1;
@@ -146,6 +143,7 @@ InotifyHub::WatchRef InotifyHub::acquireLocked(Ref<const LinuxFileIdentity> iden
   watch->last = snapshotOf(*identity).value_or(ItemSnapshot{});
   watch->identity = std::move(identity);
   watches_.emplace(descriptor, watch);
+  watchCount_.store(watches_.size(), std::memory_order_release);
   return watch;
 }
 
@@ -182,8 +180,10 @@ void InotifyHub::forgetLocked(const WatchRef& watch) {
   for (Watch* child : watch->children) child->parent.reset();
   watch->children.clear();
   detachParentLocked(watch);
-  if (auto found = watches_.find(watch->descriptor); found != watches_.end() && found->second == watch)
+  if (auto found = watches_.find(watch->descriptor); found != watches_.end() && found->second == watch) {
     watches_.erase(found);
+    watchCount_.store(watches_.size(), std::memory_order_release);
+  }
 }
 
 // -- Events ------------------------------------------------------------------------------

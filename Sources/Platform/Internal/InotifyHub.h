@@ -13,6 +13,7 @@
 #include "fennick/Dispatch/Source.h"
 #include "fennick/Platform/Internal/VnodeEventMapping.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -64,6 +65,9 @@ class InotifyHub {
 
   mutable std::mutex mutex_;  // guards everything below and every Watch
   std::unordered_map<int, WatchRef> watches_;
+  // watches_.size(), written under the lock; read without it, so that asking
+  // how many watches are held never holds up their setting up or tearing down.
+  std::atomic<std::size_t> watchCount_{0};
 };
 
 }  // namespace fennick::platform
