@@ -6,6 +6,7 @@
 #include <map>
 #include <regex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Comparison.h"
@@ -67,8 +68,10 @@ double median(std::vector<double> values) {
 }
 
 constexpr const char* kInNamespace = "FENNICK_BENCH_IN_NETNS";
+constexpr const char* kInChild = "FENNICK_BENCH_CHILD";
 
 bool insideNamespace() { return std::getenv(kInNamespace) != nullptr; }
+bool insideChild() { return std::getenv(kInChild) != nullptr; }
 
 // This process runs the comparisons that fit where it is: inside the private
 // namespace only those that need it, outside only the others.
@@ -143,28 +146,51 @@ std::string quoted(const std::string& text) {
   return result + "'";
 }
 
-// Starts this program again in a new user and network namespace for the
-// comparisons that need one; their lines follow this process's own.
-int runNamespaceComparisons(const std::regex& filter, int repetitions, const std::vector<char*>& rest) {
-  std::string names;
-  std::vector<std::string> selected;
-  for (const Comparison& comparison : comparisons()) {
-    if (!comparison.options.networkNamespace || !std::regex_search(comparison.name, filter)) continue;
-    names += (names.empty() ? "" : "|") + comparison.name;
-    selected.push_back(comparison.name);
+bool namespacesAvailable() {
+  static const bool available = std::system("unshare -rn true >/dev/null 2>&1") == 0;
+  return available;
+}
+
+// Runs one comparison in a process of its own (in a new user and network
+// namespace when it needs one), so that what an earlier comparison left in
+// the heap (a million rows, buffers of hundreds of megabytes) does not weigh
+// on a later one. Its output passes through; its summary lines are kept.
+bool runInChild(const Comparison& comparison, int repetitions, const std::vector<char*>& rest,
+                std::vector<std::string>& summary) {
+  if (comparison.options.networkNamespace && !namespacesAvailable()) {
+    summary.push_back("skip " + comparison.name + ": network namespaces are unavailable here (unshare -rn failed)");
+    std::printf("%s\n", summary.back().c_str());
+    return true;
   }
-  if (selected.empty()) return 0;
-  std::fflush(stdout);
-  if (std::system("unshare -rn true >/dev/null 2>&1") != 0) {
-    for (const auto& name : selected)
-      std::printf("skip %s: network namespaces are unavailable here (unshare -rn failed)\n", name.c_str());
-    return 0;
-  }
-  std::string command = std::string(kInNamespace) + "=1 unshare -rn " +
-                        quoted(std::filesystem::read_symlink("/proc/self/exe"));
-  command += " " + quoted("--filter=^(" + names + ")$") + " --repetitions=" + std::to_string(repetitions);
+  std::string command = std::string(kInChild) + "=1 ";
+  if (comparison.options.networkNamespace) command += std::string(kInNamespace) + "=1 unshare -rn ";
+  command += quoted(std::filesystem::read_symlink("/proc/self/exe"));
+  command += " " + quoted("--filter=^" + comparison.name + "$") + " --repetitions=" + std::to_string(repetitions);
   for (std::size_t i = 1; i < rest.size(); ++i) command += " " + quoted(rest[i]);
-  return std::system(command.c_str()) == 0 ? 0 : 1;
+  std::fflush(stdout);
+  FILE* output = ::popen(command.c_str(), "r");
+  if (!output) return false;
+  char line[4096];
+  while (std::fgets(line, sizeof line, output)) {
+    std::fputs(line, stdout);
+    const std::string_view text(line);
+    if (text.starts_with("ratio ") || text.starts_with("range ") || text.starts_with("skip "))
+      summary.emplace_back(text.substr(0, text.find('\n')));
+  }
+  std::fflush(stdout);
+  return ::pclose(output) == 0;
+}
+
+int runEachInItsOwnProcess(const std::regex& filter, int repetitions, const std::vector<char*>& rest) {
+  std::vector<std::string> summary;
+  bool allRan = true;
+  for (const Comparison& comparison : comparisons()) {
+    if (!std::regex_search(comparison.name, filter)) continue;
+    allRan = runInChild(comparison, repetitions, rest, summary) && allRan;
+  }
+  std::printf("\n");
+  for (const std::string& line : summary) std::printf("%s\n", line.c_str());
+  return allRan ? 0 : 1;
 }
 
 }  // namespace
@@ -175,7 +201,9 @@ ComparisonRegistrar::ComparisonRegistrar(const char* name, Body fennick, Body pe
 
 }  // namespace fennick::bench
 
-// Options of our own, before Google Benchmark's:
+// Each selected comparison runs in a child process of this program, its two
+// sides interleaved; the summary lines of all of them follow at the end.
+// Options of our own, before Google Benchmark's (which pass to the children):
 //   --filter=REGEX       only comparisons whose name matches
 //   --repetitions=N      interleaved repetitions per side (default 5)
 int main(int argc, char** argv) {
@@ -187,14 +215,14 @@ int main(int argc, char** argv) {
     else if (std::strncmp(argv[i], "--repetitions=", 14) == 0) repetitions = std::max(1, std::atoi(argv[i] + 14));
     else rest.push_back(argv[i]);
   }
+  std::regex filter(filterText.empty() ? "." : filterText);
+  if (!fennick::bench::insideChild()) return fennick::bench::runEachInItsOwnProcess(filter, repetitions, rest);
   int restCount = static_cast<int>(rest.size());
   benchmark::Initialize(&restCount, rest.data());
-  std::regex filter(filterText.empty() ? "." : filterText);
   fennick::bench::registerInterleaved(filter, repetitions);
   fennick::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   fennick::bench::printRatios();
-  if (fennick::bench::insideNamespace()) return 0;
-  return fennick::bench::runNamespaceComparisons(filter, repetitions, rest);
+  return 0;
 }
