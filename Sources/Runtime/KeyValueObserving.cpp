@@ -479,6 +479,26 @@ std::size_t Object::observationCountForKeyPath(std::string_view keyPath) const {
 namespace detail {
 namespace {
 thread_local AutomaticChangeFrame* innermostAutomaticChange = nullptr;
+// Changes begun on this thread. Observers of one key path of one object share
+// what is read and built for them, unless a change began in between (an
+// observer that sets the value again): later observers then get fresh values.
+thread_local std::uint64_t changesBegun = 0;
+
+// What the last observer of a change got, for the next one of the same key
+// path of the same object.
+struct SharedReading {
+  Ref<Observation> owner;  // keeps the key path alive
+  Id observed;
+  std::uint64_t at = 0;
+  bool matches(const Ref<Observation>& other, const Id& object) const {
+    return owner && observed == object && at == changesBegun && owner->keyPath == other->keyPath;
+  }
+  void remember(const Ref<Observation>& other, const Id& object) {
+    owner = other;
+    observed = object;
+    at = changesBegun;
+  }
+};
 }  // namespace
 
 AutomaticChangeFrame::AutomaticChangeFrame(const Object& object, std::string_view key) noexcept
@@ -508,13 +528,23 @@ void Object::willChangeValueForKey(std::string_view key) {
   if (!table) return;
   Ref<const detail::TriggerList> triggers = table->triggersForKey(key);
   if (!triggers) return;
+  ++detail::changesBegun;
   detail::OldValues oldValues;
+  detail::SharedReading shared;
+  Id sharedOldValue;
   for (const Ref<PathNode>& node : *triggers) {
     Ref<Observation> owner = node->owner.lock();
     Id observed = owner ? owner->observed.lock() : nullptr;
     Id oldValue;
-    if (observed && owner->wants(NSKeyValueObservingOptionOld))
-      oldValue = detail::orNull(observed->valueForKeyPath(owner->keyPath));
+    if (observed && owner->wants(NSKeyValueObservingOptionOld)) {
+      if (shared.matches(owner, observed)) {
+        oldValue = sharedOldValue;
+      } else {
+        oldValue = detail::orNull(observed->valueForKeyPath(owner->keyPath));
+        shared.remember(owner, observed);
+        sharedOldValue = oldValue;
+      }
+    }
     if (observed && owner->wants(NSKeyValueObservingOptionPrior))
       owner->deliver(observed, detail::makeChange(nullptr, oldValue, true));
     oldValues.push(std::move(oldValue));
@@ -530,7 +560,14 @@ void Object::didChangeValueForKey(std::string_view key) {
   // A did without a will still notifies, without old values.
   if (!pending.triggers) pending.triggers = table->triggersForKey(key);
   if (!pending.triggers) return;
+  ++detail::changesBegun;
   const detail::OldValues& olds = pending.oldValues;
+  // Observers with the same wishes share one immutable change dictionary.
+  detail::SharedReading shared;
+  bool sharedWantsNew = false;
+  Id sharedOldValue;
+  Ref<Dictionary> sharedChange;
+  const Id none;
   for (std::size_t i = 0; i < pending.triggers->size(); ++i) {
     const Ref<PathNode>& node = (*pending.triggers)[i];
     Ref<Observation> owner = node->owner.lock();
@@ -542,10 +579,18 @@ void Object::didChangeValueForKey(std::string_view key) {
     }
     Id observed = owner->observed.lock();
     if (!observed) continue;
-    Id newValue;
-    if (owner->wants(NSKeyValueObservingOptionNew))
-      newValue = detail::orNull(observed->valueForKeyPath(owner->keyPath));
-    owner->deliver(observed, detail::makeChange(newValue, i < olds.size() ? olds[i] : nullptr, false));
+    const Id& oldValue = i < olds.size() ? olds[i] : none;
+    const bool wantsNew = owner->wants(NSKeyValueObservingOptionNew);
+    if (!sharedChange || !shared.matches(owner, observed) || wantsNew != sharedWantsNew ||
+        oldValue != sharedOldValue) {
+      Id newValue;
+      if (wantsNew) newValue = detail::orNull(observed->valueForKeyPath(owner->keyPath));
+      sharedChange = detail::makeChange(newValue, oldValue, false);
+      shared.remember(owner, observed);
+      sharedWantsNew = wantsNew;
+      sharedOldValue = oldValue;
+    }
+    owner->deliver(observed, sharedChange);
   }
 }
 

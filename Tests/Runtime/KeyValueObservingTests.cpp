@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <atomic>
 #include <mutex>
 #include <random>
@@ -395,6 +397,48 @@ TEST(KeyValueObserving, DataMemberPropertiesNotifyOncePerChange) {
   EXPECT_EQ(note->revision_, 3);
   EXPECT_EQ(text(note->valueForKey("revision")), "3");
   EXPECT_EQ(seen, std::vector<std::string>{"Draft"});
+}
+
+class CountingGauge : public Object {
+  FENNICK_DECLARE_CLASS(CountingGauge, Object)
+
+ public:
+  std::int64_t level() const {
+    ++reads;
+    return level_;
+  }
+  void setLevel(std::int64_t level) { level_ = level; }
+  mutable int reads = 0;
+
+ private:
+  std::int64_t level_ = 0;
+};
+FENNICK_DEFINE_CLASS(CountingGauge) { builder.observableProperty("level", &CountingGauge::level, &CountingGauge::setLevel); }
+
+// Observers of one key path read the value once per change and share one
+// change dictionary, unless one of them changes the value again: those after
+// it then end with the newest value, never with the one it replaced.
+TEST(KeyValueObserving, ObserversOfOneKeyPathShareOneReadingUntilOneOfThemChangesTheValue) {
+  auto gauge = make<CountingGauge>();
+  constexpr int kObservers = 5;
+  std::vector<const Dictionary*> received(kObservers);
+  std::vector<std::int64_t> latest(kObservers, -1);
+  std::vector<KeyValueObservation> watches;
+  for (int i = 0; i < kObservers; ++i) {
+    watches.push_back(gauge->addObserver_forKeyPath_options(
+        "level", NSKeyValueObservingOptionNew | NSKeyValueObservingOptionOld, [&, i](const Ref<Dictionary>& change) {
+          received[i] = change.get();
+          latest[i] = Number::castObject(change->objectForKey(NSKeyValueChangeNewKey))->integerValue();
+          // The middle observer puts the level up again when it hears 1.
+          if (i == kObservers / 2 && latest[i] == 1) gauge->setValueForKey(Number::of(2), "level");
+        }));
+  }
+  gauge->setValueForKey(Number::of(7), "level");
+  EXPECT_EQ(gauge->reads, 2);  // the old value once, the new value once
+  EXPECT_EQ(std::count(received.begin(), received.end(), received[0]), kObservers);
+
+  gauge->setValueForKey(Number::of(1), "level");
+  EXPECT_EQ(latest, std::vector<std::int64_t>(kObservers, 2));
 }
 
 // A setter that notifies by itself, declared both ways: as a plain property
