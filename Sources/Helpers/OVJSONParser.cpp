@@ -85,24 +85,28 @@ Ref<Error> OVJSONParser::createIncorrectTypeErrorForKey(std::string_view key) co
   return makeError(incorrectTypeTemplate, OVJSONParserErrorCodeIncorrectType, key);
 }
 
-Id OVJSONParser::validatedValue_forKey_isKindOfClass(const Id& value, std::string_view key, const Class* cls) {
+bool OVJSONParser::acceptsValue(const Object* value, std::string_view key, const Class* cls, bool isOptional) {
+  if (isOptional) return value && value->isKindOfClass(cls);
   // The first failure is sticky.
-  if (hasError_.load(std::memory_order_acquire) && lastError_.load()) return nullptr;
+  if (hasError_.load(std::memory_order_acquire) && lastError_.load()) return false;
   if (!value) {
     setLastError(createMissingValueErrorForKey(key));
-    return nullptr;
+    return false;
   }
   if (!value->isKindOfClass(cls)) {
     setLastError(createIncorrectTypeErrorForKey(key));
-    return nullptr;
+    return false;
   }
-  return value;
+  return true;
+}
+
+Id OVJSONParser::validatedValue_forKey_isKindOfClass(const Id& value, std::string_view key, const Class* cls) {
+  return acceptsValue(value.get(), key, cls, false) ? value : nullptr;
 }
 
 Id OVJSONParser::validatedValue_forKey_isKindOfClass_isOptional(const Id& value, std::string_view key,
                                                                 const Class* cls, bool isOptional) {
-  if (isOptional) return value && value->isKindOfClass(cls) ? value : nullptr;
-  return validatedValue_forKey_isKindOfClass(value, key, cls);
+  return acceptsValue(value.get(), key, cls, isOptional) ? value : nullptr;
 }
 
 Id OVJSONParser::objectForKeyPath_ofClass(std::string_view keyPath, const Class* cls) {
@@ -112,17 +116,24 @@ Id OVJSONParser::objectForKeyPath_ofClass(std::string_view keyPath, const Class*
 Id OVJSONParser::objectForKeyPath_ofClass_isOptional(std::string_view keyPath, const Class* cls,
                                                      bool isOptional) {
   KeyPathComponents components(keyPath);
-  Id current = jsonDict();
+  // The root holds everything below it; the walk borrows the dictionaries on
+  // the way and copies only the value it answers.
+  const Ref<Dictionary> root = jsonDict();
+  const Dictionary* current = root.get();
   std::string_view key;
-  while (current && components.nextIntermediate(key))
-    current = validatedValue_forKey_isKindOfClass_isOptional(valueIn(current.get(), key), key,
-                                                             Dictionary::staticClass(), isOptional);
+  while (current && components.nextIntermediate(key)) {
+    const Id* next = current->findObjectForKey(key);
+    const Object* step = next ? next->get() : nullptr;
+    current = acceptsValue(step, key, Dictionary::staticClass(), isOptional) ? static_cast<const Dictionary*>(step)
+                                                                             : nullptr;
+  }
   // After a failed intermediate step the final check finds the error already
   // recorded (required) or answers nil (optional).
   while (components.nextIntermediate(key)) {
   }
-  Id value = valueIn(current.get(), components.finalKey());
-  return validatedValue_forKey_isKindOfClass_isOptional(value, components.finalKey(), cls, isOptional);
+  const Id* value = current ? current->findObjectForKey(components.finalKey()) : nullptr;
+  if (!acceptsValue(value ? value->get() : nullptr, components.finalKey(), cls, isOptional)) return nullptr;
+  return *value;
 }
 
 Id OVJSONParser::validatedObjectFromJSON_forKeyPath_ofClass(const Id& json, std::string_view keyPath,

@@ -112,6 +112,8 @@ class OVJSONParser : public Object {
   explicit OVJSONParser(Ref<Dictionary> json);
 
  private:
+  // The check behind validatedValue: true when the read may go on.
+  bool acceptsValue(const Object* value, std::string_view key, const Class* cls, bool isOptional);
   template <class T>
   Ref<T> required(std::string_view key);
   template <class T>

@@ -65,9 +65,14 @@ Id Dictionary::objectForKey(const Id& key) const {
 }
 
 Id Dictionary::objectForKey(std::string_view key) const {
+  const Id* found = findObjectForKey(key);
+  return found ? *found : nullptr;
+}
+
+const Id* Dictionary::findObjectForKey(std::string_view key) const noexcept {
   const Entry* entry = const_cast<Table&>(table_).findWith(
       textHash(key), [&](const Object& candidate) { return keyHasText(candidate, key); });
-  return entry ? entry->value : nullptr;
+  return entry ? &entry->value : nullptr;
 }
 
 void Dictionary::store(const Id& object, const Id& key, std::size_t hash) {

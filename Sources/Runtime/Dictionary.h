@@ -40,6 +40,10 @@ class Dictionary : public Collection {
   /// Lookup by text without making a String key.
   Id objectForKey(std::string_view key) const;
   Id objectForKey(const char* key) const { return objectForKey(std::string_view(key)); }
+  /// The stored reference for a text key, or nullptr, without taking a
+  /// reference of one's own: for walks through nested dictionaries that copy
+  /// only what they return. Valid until the dictionary next changes.
+  const Id* findObjectForKey(std::string_view key) const noexcept;
   Id operator[](std::string_view key) const { return objectForKey(key); }
   Id operator[](const Id& key) const { return objectForKey(key); }
   /// Stores a copy of the key; a nil key or object throws Exception
