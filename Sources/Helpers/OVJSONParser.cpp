@@ -52,11 +52,14 @@ class KeyPathComponents {
   explicit KeyPathComponents(std::string_view path) : rest_(path) {}
   /// The next intermediate component; false when only the final key is left.
   bool nextIntermediate(std::string_view& component) {
-    const auto dot = rest_.find('.');
-    if (dot == std::string_view::npos) return false;
-    component = rest_.substr(0, dot);
-    rest_.remove_prefix(dot + 1);
-    return true;
+    // Components are short: a plain scan beats a call to memchr.
+    for (std::size_t dot = 0; dot < rest_.size(); ++dot) {
+      if (rest_[dot] != '.') continue;
+      component = rest_.substr(0, dot);
+      rest_.remove_prefix(dot + 1);
+      return true;
+    }
+    return false;
   }
   std::string_view finalKey() const { return rest_; }
 

@@ -2,12 +2,13 @@
 
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
+#include "fennick/Runtime/Internal/TextHash.h"
 
 namespace fennick {
 
 namespace {
 
-std::size_t textHash(std::string_view text) { return std::hash<std::string_view>()(text); }
+std::size_t textHash(std::string_view text) { return detail::hashText(text); }
 
 bool keyHasText(const Object& key, std::string_view text) {
   auto* string = String::dynamicCastObject(&key);

@@ -1,6 +1,7 @@
 #include "fennick/Runtime/String.h"
 
 #include "fennick/Runtime/ClassBuilder.h"
+#include "fennick/Runtime/Internal/TextHash.h"
 
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
@@ -13,7 +14,7 @@ FENNICK_DEFINE_CLASS(String) {
 }
 
 String::String(std::string text)
-    : text_(std::move(text)), hash_(std::hash<std::string_view>()(text_)) {}
+    : text_(std::move(text)), hash_(detail::hashText(text_)) {}
 
 Ref<String> String::string(std::string_view utf8) { return make<String>(std::string(utf8)); }
 

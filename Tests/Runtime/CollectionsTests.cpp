@@ -227,6 +227,27 @@ TEST(Collections, DictionaryMatchesModelUnderRandomChanges) {
     ASSERT_EQ(Number::castObject(dictionary->objectForKey(text))->integerValue(), value);
 }
 
+// Short keys hash by word loads that overlap; a byte that the loads skipped,
+// or a length that the mix ignored, would pile such keys into one bucket.
+TEST(Collections, TextHashesTellApartKeysThatDifferInOneByteOrInLength) {
+  std::unordered_map<std::size_t, std::string> seen;
+  auto record = [&](const std::string& text) {
+    const auto [it, inserted] = seen.emplace(String::string(text)->hash(), text);
+    ASSERT_TRUE(inserted || it->second == text) << "\"" << text << "\" and \"" << it->second << "\"";
+  };
+  for (std::size_t length = 0; length <= 24; ++length) {
+    const std::string base(length, 'a');
+    record(base);
+    for (std::size_t position = 0; position < length; ++position)
+      for (char replacement : {'b', 'A', '.', '\0'}) {
+        std::string text = base;
+        text[position] = replacement;
+        record(text);
+      }
+  }
+  for (int i = 0; i < 200'000; ++i) record(fmt::format("k{}", i));
+}
+
 TEST(Collections, SetMatchesModelUnderRandomChanges) {
   std::mt19937 random(7);
   auto set = Set::set();
