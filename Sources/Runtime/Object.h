@@ -83,9 +83,6 @@ inline constexpr const char* NSKeyValueChangeNotificationIsPriorKey = "notificat
   static ::fennick::Ref<T> castObject(const ::fennick::Id& object) {               \
     return std::static_pointer_cast<T>(object);                                    \
   }                                                                                \
-  static ::fennick::Ref<T> castObject(::fennick::Id&& object) {                    \
-    return std::static_pointer_cast<T>(std::move(object));                         \
-  }                                                                                \
   static ::fennick::Ref<T> dynamicCastObject(const ::fennick::Id& object) {        \
     return object && object->isKindOfClass(T::staticClass())                       \
                ? std::static_pointer_cast<T>(object)                               \
