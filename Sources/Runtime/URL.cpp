@@ -233,7 +233,7 @@ std::optional<std::string> URL::fileSystemRepresentation() const {
   if (identity_) return identity_->currentPath();
   if (!isFileURL()) return std::nullopt;
   std::string decoded = path();
-  if (decoded.empty()) return std::nullopt;
+  if (decoded.empty() || decoded.find('\0') != std::string::npos) return std::nullopt;
   return decoded;
 }
 

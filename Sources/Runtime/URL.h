@@ -144,8 +144,10 @@ class URL : public Object {
   /// file URL of the item's current path; nil once the item is gone.
   Ref<URL> filePathURL() const;
   /// The path as the file system takes it (decoded bytes); nil for URLs that
-  /// are not file URLs or have no path, and for a reference URL whose item is
-  /// gone.
+  /// are not file URLs or have no path, for a reference URL whose item is
+  /// gone, and for a path holding a NUL byte (decoded from "%00"), which the
+  /// system would read only up to that byte and so reach another item.
+  /// Every operation that hands a URL's path to the system goes through this.
   std::optional<std::string> fileSystemRepresentation() const;
 
   // -- File identity -------------------------------------------------------------
