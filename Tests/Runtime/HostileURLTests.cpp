@@ -69,6 +69,8 @@ TEST(HostileURL, MalformedAndOverlongEscapesNeverBecomeSeparators) {
   const char* malformed[] = {"file:///a%", "file:///a%0", "file:///a%G0", "file:///a%%41", "file:///a%0G",
                              "http://h/\x80", "http://h/a b", "http://[::1/", "http://h:99999999999999999999/"};
   for (const char* text : malformed) EXPECT_FALSE(URL::URLWithString(text)) << text;
+  EXPECT_FALSE(URL::URLWithString("file:///a\0b"s));  // a raw NUL is never URL text
+  EXPECT_FALSE(URL::fileURLWithPath("/a\0b"s));
   EXPECT_FALSE(URL::stringByRemovingPercentEncoding("%"));
   EXPECT_FALSE(URL::stringByRemovingPercentEncoding("%zz"));
 }
