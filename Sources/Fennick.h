@@ -12,6 +12,7 @@
 #include "fennick/Runtime/Bundle.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/DataCoding.h"
 #include "fennick/Runtime/Date.h"

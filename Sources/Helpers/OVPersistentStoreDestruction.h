@@ -7,7 +7,8 @@
 
 namespace fennick {
 
-/// False, leaving `error` untouched, when nothing is at `storeURL`. Otherwise
+/// False, leaving `error` untouched, when nothing is at `storeURL` (nothing
+/// ever is at a URL whose path holds a NUL byte, decoded from "%00"). Otherwise
 /// removes the item (a directory with its contents); for an SQLite store then
 /// removes each companion that exists, shared memory first. False at the first
 /// removal that fails, with a POSIX error (errno of the failure) in `error`

@@ -1,5 +1,6 @@
 #include "fennick/Helpers/OVSQLite.h"
 
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Log.h"
@@ -135,7 +136,12 @@ int bindValue(sqlite3_stmt* statement, int index, const Id& value) {
 // error 5 when either fails.
 bool prepare(sqlite3* database, std::string_view sql, const Ref<Array>& arguments, Statement& statement,
              Ref<Error>* error) {
-  // SQLite reads the text up to its terminating zero.
+  // SQLite reads the text only up to a NUL byte: "DELETE FROM t\0 WHERE ..."
+  // would run as "DELETE FROM t". Such text is refused whole.
+  if (holdsNulByte(sql)) {
+    report(error, resultCodeError(SQLITE_MISUSE));
+    return false;
+  }
   const std::string text(sql);
   if (sqlite3_prepare_v2(database, text.c_str(), -1, statement.out(), nullptr) != SQLITE_OK) {
     report(error, connectionError(database, OVSQLiteErrorPrepareFailed));
@@ -173,7 +179,9 @@ bool stepRows(sqlite3* database, sqlite3_stmt* statement, Consume&& consume, Ref
 }  // namespace
 
 sqlite3* OVSQLiteOpenDatabase(const Ref<URL>& url, std::uint64_t mode, Ref<Error>* error) {
-  const std::string path = url ? url->path() : std::string();
+  // No file can be named by a URL that is not a file URL, or by a path
+  // holding a NUL byte (which SQLite would read only up to that byte).
+  const std::string path = url ? url->fileSystemRepresentation().value_or(std::string()) : std::string();
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) != 0) {
     report(error, openError(OVSQLiteErrorFileNotFound));

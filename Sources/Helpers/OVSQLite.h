@@ -24,7 +24,8 @@
 //   3 OVSQLiteErrorFileNotWritable  open: read-write asked, not writable
 //   4 OVSQLiteErrorOpenFailed       open: sqlite3_open_v2 failed
 //   5 OVSQLiteErrorPrepareFailed    execute: the statement did not compile (or,
-//                                   with arguments, could not be bound)
+//                                   with arguments, could not be bound), or the
+//                                   SQL text holds a NUL byte
 //   6 OVSQLiteErrorStepFailed       execute: stepping ended with an error
 // Open errors carry no user info; 5 and 6 carry the localized description
 // "<sqlite3_errcode> - <sqlite3_errmsg>" read right after the failure.
@@ -64,12 +65,15 @@ enum OVSQLiteOpenMode : std::uint64_t {
 };
 
 /// Opens the database file at a file URL, read-only or read-write, never
-/// creating it. Null, with an error (codes 0 to 4), on failure. The caller
-/// closes the handle with OVSQLiteCloseDatabase.
+/// creating it. Null, with an error (codes 0 to 4), on failure; a URL that is
+/// not a file URL, or whose path holds a NUL byte ("%00"), names no file
+/// (code 1). The caller closes the handle with OVSQLiteCloseDatabase.
 sqlite3* OVSQLiteOpenDatabase(const Ref<URL>& url, std::uint64_t mode, Ref<Error>* error);
 
 /// Runs the first statement of `sql` and answers every row. Nil with error 5
-/// when it does not compile. When stepping fails, the rows read before the
+/// when it does not compile, and when the text holds a NUL byte ("21 - bad
+/// parameter or other API misuse"): SQLite would run only the part before
+/// it, which may be a different statement. When stepping fails, the rows read before the
 /// failure are answered together with error 6: look at the error, not at a
 /// nil result. A statement without rows, and text holding no statement at
 /// all (white space, comments), answers an empty array.
@@ -78,7 +82,8 @@ Ref<Array> OVSQLiteExecuteQuery(sqlite3* database, std::string_view sql, Ref<Err
 /// The same with "?" parameters bound, in order, from `arguments`: Number
 /// (booleans and integers as integers, unsigned values past INT64_MAX and
 /// doubles as reals), String as text, Data as a blob, Date as its seconds
-/// since 1970, the null marker as NULL. An argument count that differs from
+/// since 1970, the null marker as NULL. Text and blobs are bound with their
+/// length, so a NUL byte inside a String is stored and read back whole. An argument count that differs from
 /// the statement's parameters, or a value of another class, answers nil and
 /// error 5 ("25 - column index out of range" or "20 - datatype mismatch").
 /// Values travel as values, never as SQL text.

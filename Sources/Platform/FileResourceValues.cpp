@@ -3,6 +3,7 @@
 #include "fennick/Platform/Internal/LinuxFileIdentity.h"
 #include "fennick/Platform/Internal/MountTable.h"
 
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
@@ -16,6 +17,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <optional>
+#include <string>
 
 namespace fennick::platform {
 
@@ -60,8 +63,8 @@ std::optional<struct statx> mountOf(const URL& url) {
   if (const auto& identity = url.fileIdentity()) {
     static_cast<const LinuxFileIdentity&>(*identity).withDescriptor(
         [&](int descriptor) { result = ::statx(descriptor, "", AT_EMPTY_PATH, kWanted, &status); });
-  } else {
-    result = ::statx(AT_FDCWD, url.path().c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &status);
+  } else if (std::optional<std::string> path = url.fileSystemRepresentation()) {
+    result = ::statx(AT_FDCWD, path->c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &status);
   }
   if (result != 0 || !(status.stx_mask & STATX_MNT_ID)) return std::nullopt;
   return status;
@@ -83,6 +86,8 @@ bool readItemStatus(const URL& url, struct stat& status, Ref<Error>* error) {
   int code = 0;
   if (const auto& identity = url.fileIdentity())
     code = statusOfIdentity(static_cast<const LinuxFileIdentity&>(*identity), status);
+  else if (holdsNulByte(path))
+    code = EINVAL;  // no item has that name; the system would read only up to the NUL
   else
     code = ::lstat(path.c_str(), &status) == 0 ? 0 : errno;
   if (code == 0) return true;

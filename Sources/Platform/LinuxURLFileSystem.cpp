@@ -5,6 +5,7 @@
 #include "fennick/Platform/Internal/FileIdentityTable.h"
 #include "fennick/Platform/Internal/FileResourceValues.h"
 #include "fennick/Platform/Internal/LinuxFileIdentity.h"
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
@@ -37,13 +38,16 @@ Ref<Error> noSuchFileError(const std::string& path) {
 
 }  // namespace
 
+// A path holding a NUL byte names no item: the system would read it only up
+// to that byte and answer for another one.
+
 bool LinuxURLFileSystem::isDirectoryAtPath(const std::string& path) const {
   struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+  return !holdsNulByte(path) && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 Ref<const FileIdentity> LinuxURLFileSystem::identityOfItemAtPath(const std::string& path) const {
-  return FileIdentityTable::shared().identityOfItemAtPath(path);
+  return holdsNulByte(path) ? nullptr : FileIdentityTable::shared().identityOfItemAtPath(path);
 }
 
 Ref<Data> LinuxURLFileSystem::bookmarkDataForURL(const URL& url, Ref<Error>* error) const {
@@ -76,7 +80,7 @@ Ref<URL> LinuxURLFileSystem::URLByResolvingBookmarkData(const Ref<Data>& data, b
 }
 
 std::int64_t LinuxURLFileSystem::allocatedSizeOfFolderTree(const std::string& path) const {
-  return DirectorySizeWalker(path).run();
+  return holdsNulByte(path) ? 0 : DirectorySizeWalker(path).run();
 }
 
 bool LinuxURLFileSystem::answersResourceKey(std::string_view key) const { return isFileSystemResourceKey(key); }

@@ -1,5 +1,6 @@
 #include "fennick/Runtime/Bundle.h"
 
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Dictionary.h"
@@ -126,11 +127,10 @@ Ref<Dictionary> infoDictionaryAtPath(const std::string& path) {
   }
 }
 
+// Nil for a path holding a NUL byte: the system would read the bundle at the
+// part before it.
 std::optional<std::string> filePath(const Ref<URL>& url) {
-  if (!url || !url->isFileURL()) return std::nullopt;
-  std::string path = url->path();
-  if (path.empty()) return std::nullopt;
-  return path;
+  return url ? url->fileSystemRepresentation() : std::nullopt;
 }
 
 std::string executablePath() {
@@ -224,6 +224,9 @@ std::string Bundle::localizedStringForKey_value_table(std::string_view key, std:
   std::string domain = bundleIdentifier();
   if (domain.empty() || key.empty()) return untranslated();
   if (!table.empty() && table != "Localizable") (domain += '.') += table;
+  // gettext reads C strings: a key or domain holding a NUL would find the
+  // translation of the part before it.
+  if (holdsNulByte(domain) || holdsNulByte(key)) return untranslated();
   const std::string message(key);
   // Message catalogues may be in any encoding; answers are always UTF-8.
   ::bind_textdomain_codeset(domain.c_str(), "UTF-8");

@@ -32,7 +32,8 @@ class Bundle : public Object {
  public:
   /// The bundle at a file URL: a bundle directory (one holding a property
   /// list as above) or an ELF executable with a "__info_plist" section. Nil
-  /// for anything else, including a missing path.
+  /// for anything else, including a missing path and a path holding a NUL
+  /// byte.
   static Ref<Bundle> bundleWithURL(const Ref<URL>& url);
   static Ref<Bundle> bundleWithPath(std::string_view path);
 
@@ -68,7 +69,8 @@ class Bundle : public Object {
   /// The translation of `key` in the text domain of the bundle identifier
   /// (for a `table` other than "" or "Localizable", the domain
   /// "<identifier>.<table>"). Untranslated keys answer `value`, or the key
-  /// itself when `value` is empty; so does a bundle without an identifier.
+  /// itself when `value` is empty; so does a bundle without an identifier,
+  /// and a key, table or identifier holding a NUL byte.
   std::string localizedStringForKey_value_table(std::string_view key, std::string_view value = {},
                                                 std::string_view table = {}) const;
 

@@ -1,5 +1,6 @@
 #include "fennick/Runtime/FileHandle.h"
 
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Dictionary.h"
@@ -13,6 +14,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <pthread.h>
+#include <optional>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -73,6 +75,10 @@ Ref<FileHandle> FileHandle::initWithFileDescriptor_closeOnDealloc(int fd, bool c
 }
 
 Ref<FileHandle> FileHandle::openPath(std::string_view path, int flags, Ref<Error>* error) {
+  if (holdsNulByte(path)) {
+    setError(error, EINVAL);  // open() would read the path only up to the NUL
+    return nullptr;
+  }
   const std::string text(path);
   int fd;
   do fd = ::open(text.c_str(), flags | O_CLOEXEC);
@@ -94,20 +100,27 @@ Ref<FileHandle> FileHandle::fileHandleForUpdatingAtPath(std::string_view path) {
   return openPath(path, O_RDWR, nullptr);
 }
 
-Ref<FileHandle> FileHandle::fileHandleForReadingFromURL_error(const Ref<URL>& url, Ref<Error>* error) {
+Ref<FileHandle> FileHandle::openURL(const Ref<URL>& url, int flags, Ref<Error>* error) {
   if (!url || !url->isFileURL()) {
     setError(error, EINVAL);
     return nullptr;
   }
-  return openPath(url->path(), O_RDONLY, error);
+  // No path: the item of a reference URL is gone, the path is empty, or it
+  // holds a NUL byte (decoded from "%00").
+  std::optional<std::string> path = url->fileSystemRepresentation();
+  if (!path) {
+    setError(error, holdsNulByte(url->path()) ? EINVAL : ENOENT);
+    return nullptr;
+  }
+  return openPath(*path, flags, error);
+}
+
+Ref<FileHandle> FileHandle::fileHandleForReadingFromURL_error(const Ref<URL>& url, Ref<Error>* error) {
+  return openURL(url, O_RDONLY, error);
 }
 
 Ref<FileHandle> FileHandle::fileHandleForWritingToURL_error(const Ref<URL>& url, Ref<Error>* error) {
-  if (!url || !url->isFileURL()) {
-    setError(error, EINVAL);
-    return nullptr;
-  }
-  return openPath(url->path(), O_WRONLY, error);
+  return openURL(url, O_WRONLY, error);
 }
 
 Ref<FileHandle> FileHandle::fileHandleWithStandardInput() { return initWithFileDescriptor(STDIN_FILENO); }

@@ -43,11 +43,14 @@ class FileHandle : public Object {
     return initWithFileDescriptor_closeOnDealloc(fd, false);
   }
   /// Opens a file for reading, writing (without truncating) or both; nil when
-  /// it cannot be opened.
+  /// it cannot be opened, or when the path holds a NUL byte (the system would
+  /// open what the part before it names).
   static Ref<FileHandle> fileHandleForReadingAtPath(std::string_view path);
   static Ref<FileHandle> fileHandleForWritingAtPath(std::string_view path);
   static Ref<FileHandle> fileHandleForUpdatingAtPath(std::string_view path);
-  /// The same for a file URL, with the reason in `error` on failure.
+  /// The same for a file URL, with the reason in `error` on failure (EINVAL
+  /// for a URL that is not a file URL or whose path holds a NUL byte, as
+  /// "%00" decodes to).
   static Ref<FileHandle> fileHandleForReadingFromURL_error(const Ref<URL>& url, Ref<Error>* error);
   static Ref<FileHandle> fileHandleForWritingToURL_error(const Ref<URL>& url, Ref<Error>* error);
   /// The process's own standard streams (never closed by the handle).
@@ -99,6 +102,7 @@ class FileHandle : public Object {
 
  private:
   static Ref<FileHandle> openPath(std::string_view path, int flags, Ref<Error>* error);
+  static Ref<FileHandle> openURL(const Ref<URL>& url, int flags, Ref<Error>* error);
   /// The descriptor, or -1 with EBADF in `failure` when closed.
   int liveDescriptor(int& failure) const;
   /// Reads until `limit` bytes or end of file; errno in `failure` on error.

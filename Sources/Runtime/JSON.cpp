@@ -239,6 +239,13 @@ Id JSON::JSONObjectWithString_options_error(std::string_view text, std::uint32_t
   ObjectBuilder builder;
   const bool parsed = nlohmann::json::sax_parse(text.begin(), text.end(), &builder,
                                                 nlohmann::json::input_format_t::json, /*strict*/ true);
+  // nlohmann's lexer takes a NUL byte for the end of the input, as in a C
+  // string, so "123\0junk" parses as 123. A NUL is never valid JSON text (a
+  // string holds one only as "\u0000"): when the parse went through, any NUL
+  // lies after a complete value and is trailing text.
+  if (const auto nul = text.find('\0'); parsed && !builder.error && nul != std::string_view::npos)
+    builder.error = jsonError(NSPropertyListReadCorruptError, fmt::format("syntax error while parsing value - unexpected NUL byte at {}; expected end of input", nul),
+                              nul);
   if (parsed && !(options & JSONReadingFragmentsAllowed) && !isContainer(builder.root))
     builder.error = jsonError(NSPropertyListReadCorruptError,
                               "JSON text did not start with array or object and option to allow fragments not set.",

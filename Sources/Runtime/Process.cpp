@@ -2,6 +2,7 @@
 
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Dispatch/Source.h"
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Error.h"
 #include "fennick/Runtime/FileHandle.h"
@@ -74,6 +75,12 @@ class CStringArray {
 bool isDirectory(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// An environment entry the child reads back as the same name and value: the
+// child's C library splits "NAME=value" at the first "=" and stops at a NUL.
+bool isWholeEnvironmentEntry(const std::string& name, const std::string& value) {
+  return !name.empty() && name.find('=') == std::string::npos && !holdsNulByte(name) && !holdsNulByte(value);
 }
 
 }  // namespace
@@ -179,6 +186,19 @@ int Process::spawn(Launch& launch) {
   return 0;
 }
 
+bool Process::isWholeConfiguration() const {
+  // Every text reaches the child as a C string, which ends at a NUL: a launch
+  // path, argument or folder holding one would run, pass or enter something
+  // else than was asked for.
+  if (holdsNulByte(launchPath_) || holdsNulByte(currentDirectoryPath_)) return false;
+  for (const auto& argument : arguments_)
+    if (holdsNulByte(argument)) return false;
+  if (environment_)
+    for (const auto& [name, value] : *environment_)
+      if (!isWholeEnvironmentEntry(name, value)) return false;
+  return true;
+}
+
 bool Process::launchAndReturnError(Ref<Error>* error) {
   {
     std::lock_guard lock(mutex_);
@@ -187,7 +207,9 @@ bool Process::launchAndReturnError(Ref<Error>* error) {
     launched_ = true;
   }
   int failure = 0;
-  if (!currentDirectoryPath_.empty() && !isDirectory(currentDirectoryPath_)) {
+  if (!isWholeConfiguration()) {
+    failure = EINVAL;
+  } else if (!currentDirectoryPath_.empty() && !isDirectory(currentDirectoryPath_)) {
     failure = ENOENT;
   } else {
     Launch launch;
@@ -209,7 +231,7 @@ void Process::launch() {
   Ref<Error> error;
   if (launchAndReturnError(&error)) return;
   const auto failure = static_cast<int>(error->code());
-  if (!currentDirectoryPath_.empty() && !isDirectory(currentDirectoryPath_))
+  if (failure != EINVAL && !currentDirectoryPath_.empty() && !isDirectory(currentDirectoryPath_))
     throw Exception(NSInvalidArgumentException, "working directory doesn't exist.");
   switch (failure) {
     case ENOENT:

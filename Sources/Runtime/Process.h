@@ -18,8 +18,11 @@
 //
 // launch() raises Exception (NSInvalidArgumentException) when the launch path
 // cannot be executed (missing, a directory, no execute permission, not an
-// executable format), when the current directory does not exist, or when the
-// process was launched before; terminationStatus() and terminationReason()
+// executable format), when the current directory does not exist, when a text
+// of the configuration would not reach the child whole (a NUL byte in the
+// launch path, an argument, the current directory or the environment, or an
+// environment name that is empty or holds "="; launchAndReturnError answers
+// EINVAL for these), or when the process was launched before; terminationStatus() and terminationReason()
 // raise while the child runs or before the launch, as the platform does.
 //
 // Thread safety: set the configuration before launch() on one thread; after
@@ -113,6 +116,9 @@ class Process : public Object {
  private:
   struct Launch;
   void setStream(int index, Id stream);
+  /// Whether every text of the configuration reaches the child whole: no NUL
+  /// byte anywhere, and environment names that are not empty and hold no "=".
+  bool isWholeConfiguration() const;
   /// Spawns the child; 0 or an errno value. Raises for a bad configuration.
   int spawn(Launch& launch);
   void watchExit();

@@ -5,6 +5,7 @@
 #include "fennick/Runtime/Array.h"
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
+#include "fennick/Runtime/CStringText.h"
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
@@ -90,7 +91,7 @@ std::optional<std::string> currentDirectory() {
 }  // namespace
 
 Ref<URL> URL::makeFileURL(std::string_view rawPath, std::optional<bool> isDirectory, Ref<URL> base) {
-  if (rawPath.empty() || rawPath.find('\0') != std::string_view::npos) return nullptr;
+  if (rawPath.empty() || holdsNulByte(rawPath)) return nullptr;
   std::string path = collapseSlashes(rawPath);
   const bool absolute = path.starts_with('/');
   if (absolute) {
@@ -233,7 +234,7 @@ std::optional<std::string> URL::fileSystemRepresentation() const {
   if (identity_) return identity_->currentPath();
   if (!isFileURL()) return std::nullopt;
   std::string decoded = path();
-  if (decoded.empty() || decoded.find('\0') != std::string::npos) return std::nullopt;
+  if (decoded.empty() || holdsNulByte(decoded)) return std::nullopt;
   return decoded;
 }
 

@@ -27,6 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   Ref<Error> error;
   Id document = JSON::JSONObjectWithString_options_error(text, JSONReadingFragmentsAllowed, &error);
   require(document || error);
+  require(!document || text.find('\0') == std::string_view::npos);  // a raw NUL is never JSON text
   Id walked = OVJSONParser::validatedObjectFromJSON_forKeyPath_ofClass(document, path, Object::staticClass());
   auto reader = OVJSONParser::initWithJSON(Dictionary::dynamicCastObject(document));
   if (!reader) return 0;

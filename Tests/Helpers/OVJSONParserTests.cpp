@@ -103,6 +103,19 @@ TEST(OVJSONParser, TheClassWalkNeverRecordsErrors) {
   EXPECT_FALSE(OVJSONParser::validatedObjectFromJSON_forKeyPath_ofClass(Null::null(), "s", String::staticClass()));
 }
 
+TEST(OVJSONParser, KeysHoldingNulAreMatchedWhole) {
+  using namespace std::string_literals;
+  auto parser = reader(R"({"a\u0000b": 1, "a": "x", "p\u0000": {"q": 2}, "p": {"q": "no"}})");
+  EXPECT_EQ(parser->integerForKey("a\0b"s), 1);
+  EXPECT_EQ(parser->stringForKey("a")->utf8(), "x");
+  EXPECT_EQ(parser->numberForKeyPath("p\0.q"s)->integerValue(), 2);
+  EXPECT_EQ(parser->stringForKeyPath("p.q")->utf8(), "no");
+  EXPECT_FALSE(parser->lastError());
+  EXPECT_FALSE(parser->numberForKey("a\0"s));
+  ASSERT_TRUE(parser->lastError());
+  EXPECT_EQ(parser->lastError()->code(), OVJSONParserErrorCodeMissingValue);
+}
+
 TEST(OVJSONParser, MessagesAreTranslatedInTheMainBundlesTextDomain) {
   testing::TemporaryDirectory dir;
   const std::string domain = Bundle::mainBundle()->bundleIdentifier();
@@ -119,6 +132,10 @@ TEST(OVJSONParser, MessagesAreTranslatedInTheMainBundlesTextDomain) {
   parser->stringForKey("user");
   expectError(parser, -1000, "Wert f\xc3\xbcr Schl\xc3\xbcssel user fehlt");
   EXPECT_EQ(parser->createIncorrectTypeErrorForKey("k")->localizedDescription(), "Incorrect type of value for key k");
+  // gettext reads C strings: a key with a NUL after a known message is not
+  // that message, and stays untranslated.
+  const std::string spoiled("Missing value for key %@\0!", 26);
+  EXPECT_EQ(Bundle::mainBundle()->localizedStringForKey_value_table(spoiled, "", ""), spoiled);
   std::setlocale(LC_MESSAGES, "C");
 }
 

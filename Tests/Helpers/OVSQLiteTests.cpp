@@ -268,6 +268,13 @@ TEST(OVPersistentStoreDestruction, RemovesTheStoreAndTheCompanionsThatExist) {
   EXPECT_TRUE(std::filesystem::exists(dir.path() + "/Other.sqlite-shm"));  // not an SQLite store: kept
   EXPECT_FALSE(OVDestroyPersistentStoreAtURL(url(store), true, &error));
   EXPECT_FALSE(error);
+
+  // A reference URL has no path once its item is gone; the companions are
+  // still found by the store's name.
+  for (const char* name : {"Store.sqlite", "Store.sqlite-shm", "Store.sqlite-wal"}) testing::writeFile(dir.file(name), "x");
+  EXPECT_TRUE(OVDestroyPersistentStoreAtURL(url(store)->fileReferenceURL(), true, &error));
+  EXPECT_FALSE(std::filesystem::exists(store + "-shm"));
+  EXPECT_FALSE(std::filesystem::exists(store + "-wal"));
 }
 
 }  // namespace
