@@ -3,7 +3,8 @@
 // Linux can give them:
 // - valid: every regular file at the URL (the file itself, or each file under
 //   a folder) belongs to an installed Debian package and its MD5 digest
-//   matches the one the package recorded (dpkg's info/*.md5sums);
+//   matches the one the package recorded (dpkg's info/*.md5sums); a folder
+//   that holds devices, pipes or sockets, or cannot be read in full, is not;
 // - sandboxed: valid as above, and installed by a sandboxing package manager
 //   into its system installation: a Flatpak application deployed under
 //   /var/lib/flatpak, or a Snap revision mounted read-only under /snap (see

@@ -1,4 +1,5 @@
 #include "HelpersTestSupport.h"
+#include "Platform/ChildTestRun.h"
 
 #include "fennick/Helpers/OVReachability.h"
 #include "fennick/Runtime/UUID.h"
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <sys/resource.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -108,6 +110,52 @@ TEST(OVReachabilityTest, LoopbackNamesAndAddressesAreLocal) {
   ASSERT_TRUE(name);
   EXPECT_TRUE(name->reachabilityRef()->resolve());
   EXPECT_EQ(name->status(), 1);
+}
+
+// Lowers the descriptor limit and takes every descriptor left; answers them.
+std::vector<int> exhaustDescriptors() {
+  const rlimit limit{256, 256};
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> taken;
+  for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) taken.push_back(fd);
+  return taken;
+}
+
+TEST(OVReachabilityTest, WithoutDescriptorsLeft) {
+  FENNICK_RUN_IN_CHILD("OVReachabilityTest.InsideDescriptorExhaustion", {});
+}
+
+// Without a socket the flags cannot be read: not reachable, no connection
+// required, and no crash; once descriptors are free the answers come back.
+TEST(OVReachabilityTest, InsideDescriptorExhaustion) {
+  FENNICK_ONLY_IN_CHILD();
+  auto loopbackAddress = ipv4("127.0.0.1");
+  auto loopback = OVReachability::initWithAddress(reinterpret_cast<const sockaddr*>(&loopbackAddress));
+  auto internet = OVReachability::initForInternetConnection();
+  const std::vector<int> taken = exhaustDescriptors();
+  for (const auto& reachability : {loopback, internet}) {
+    EXPECT_EQ(reachability->reachabilityFlags(), 0u);
+    EXPECT_EQ(reachability->status(), OVReachabilityStatusNotReachable);
+    EXPECT_FALSE(reachability->connectionRequired());
+  }
+  EXPECT_EQ(openRouteChangeSocket(), -1);
+  for (int fd : taken) close(fd);
+  EXPECT_EQ(loopback->status(), OVReachabilityStatusReachable);
+}
+
+// A notifier that cannot be scheduled is a programming error that stops the
+// process, as the platform's assertion does.
+TEST(OVReachabilityTest, ANotifierThatCannotStartStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto internet = OVReachability::initForInternetConnection();
+        exhaustDescriptors();
+        internet->subscribeForChangesWithBlock([](std::int64_t) {});
+        internet->isNotifierRunning();  // runs on the queue after the subscription
+        std::_Exit(0);
+      },
+      "didSchedule");
 }
 
 // Runs the namespace tests below in a new user and network namespace of their own.
