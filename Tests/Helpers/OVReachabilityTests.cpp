@@ -13,6 +13,7 @@
 #include <mutex>
 #include <sys/resource.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace fennick;
@@ -112,6 +113,14 @@ TEST(OVReachabilityTest, LoopbackNamesAndAddressesAreLocal) {
   EXPECT_EQ(name->status(), 1);
 }
 
+std::size_t openDescriptors() {
+  std::error_code error;
+  std::size_t count = 0;
+  for (std::filesystem::directory_iterator it("/proc/self/fd", error), end; !error && it != end; it.increment(error))
+    ++count;
+  return count;
+}
+
 // Lowers the descriptor limit and takes every descriptor left; answers them.
 std::vector<int> exhaustDescriptors() {
   const rlimit limit{256, 256};
@@ -132,6 +141,13 @@ TEST(OVReachabilityTest, InsideDescriptorExhaustion) {
   auto loopbackAddress = ipv4("127.0.0.1");
   auto loopback = OVReachability::initWithAddress(reinterpret_cast<const sockaddr*>(&loopbackAddress));
   auto internet = OVReachability::initForInternetConnection();
+  // Read once with descriptors, on a thread of its own (lookups keep a socket
+  // per thread), so that a sanitizer's runtime knows the types it checks
+  // before it has no pipe left to learn them with.
+  std::thread([&] {
+    EXPECT_EQ(loopback->status(), OVReachabilityStatusReachable);
+    (void)internet->status();
+  }).join();
   const std::vector<int> taken = exhaustDescriptors();
   for (const auto& reachability : {loopback, internet}) {
     EXPECT_EQ(reachability->reachabilityFlags(), 0u);
@@ -150,6 +166,11 @@ TEST(OVReachabilityTest, ANotifierThatCannotStartStopsTheProcess) {
   EXPECT_DEATH(
       {
         auto internet = OVReachability::initForInternetConnection();
+        // A first subscription with descriptors lets a sanitizer's runtime
+        // learn the types it checks while it still has a pipe to do so.
+        const std::size_t before = openDescriptors();
+        internet->unsubscribeForChangesWithToken(internet->subscribeForChangesWithBlock([](std::int64_t) {}));
+        fennick::testing::eventually([&] { return !internet->isNotifierRunning() && openDescriptors() <= before; });
         exhaustDescriptors();
         internet->subscribeForChangesWithBlock([](std::int64_t) {});
         internet->isNotifierRunning();  // runs on the queue after the subscription
