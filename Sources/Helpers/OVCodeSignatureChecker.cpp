@@ -1,15 +1,22 @@
 #include "fennick/Helpers/OVCodeSignatureChecker.h"
 
+#include "fennick/Platform/SandboxInstallation.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
 #include "fennick/Runtime/String.h"
 #include "fennick/Runtime/URL.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 namespace fennick {
@@ -39,37 +46,64 @@ std::vector<std::string> listedNames(const fs::path& path) {
   return names;
 }
 
-std::optional<PackagedFile> findPackagedFile(const fs::path& path, const std::string& database) {
-  const auto names = listedNames(path);
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(fs::path(database) / "info", error)) {
-    if (entry.path().extension() != ".md5sums") continue;
-    std::ifstream sums(entry.path());
-    std::string line;
-    while (std::getline(sums, line)) {
-      // "<32 hex digits>  <path without the leading slash>"
-      if (line.size() < 35) continue;
-      const std::string listed = "/" + line.substr(34);
-      for (const auto& name : names)
-        if (listed == name) {
-          std::string package = entry.path().stem().string();
-          package = package.substr(0, package.find(':'));  // multi-arch names carry ":arch"
-          return PackagedFile{package, line.substr(0, 32)};
-        }
+// The package database's records of the files of one item (a file, or every
+// file under a folder), read once per check: a folder's files are then looked
+// up without reading the database again for each.
+class PackageIndex {
+ public:
+  PackageIndex(const std::string& database, const fs::path& item, bool folder) {
+    std::vector<std::string> scope = listedNames(item);
+    if (folder)
+      for (auto& name : scope) name += '/';
+    const auto inScope = [&](std::string_view listed) {
+      return std::any_of(scope.begin(), scope.end(), [&](const std::string& name) {
+        return folder ? listed.substr(0, name.size()) == name : listed == name;
+      });
+    };
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(fs::path(database) / "info", error)) {
+      if (entry.path().extension() != ".md5sums") continue;
+      std::string package = entry.path().stem().string();
+      package = package.substr(0, package.find(':'));  // multi-arch names carry ":arch"
+      std::ifstream sums(entry.path());
+      std::string line;
+      while (std::getline(sums, line)) {
+        // "<32 hex digits>  <path without the leading slash>"
+        if (line.size() < 35) continue;
+        line[33] = '/';
+        const std::string_view listed = std::string_view(line).substr(33);
+        if (inScope(listed)) files_.try_emplace(std::string(listed), PackagedFile{package, line.substr(0, 32)});
+      }
     }
   }
-  return std::nullopt;
-}
 
+  std::optional<PackagedFile> find(const fs::path& path) const {
+    for (const auto& name : listedNames(path))
+      if (auto found = files_.find(name); found != files_.end()) return found->second;
+    return std::nullopt;
+  }
+
+ private:
+  std::unordered_map<std::string, PackagedFile> files_;
+};
+
+// Opened without following a final link and without blocking on a pipe: only
+// a regular file has a digest.
 std::optional<std::string> md5Of(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  GChecksum* checksum = g_checksum_new(G_CHECKSUM_MD5);
-  char buffer[65536];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0)
-    g_checksum_update(checksum, reinterpret_cast<const guchar*>(buffer), in.gcount());
-  std::string digest = g_checksum_get_string(checksum);
-  g_checksum_free(checksum);
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) return std::nullopt;
+  struct stat info {};
+  std::optional<std::string> digest;
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    GChecksum* checksum = g_checksum_new(G_CHECKSUM_MD5);
+    char buffer[65536];
+    ssize_t length;
+    while ((length = ::read(fd, buffer, sizeof buffer)) > 0 || (length < 0 && errno == EINTR))
+      if (length > 0) g_checksum_update(checksum, reinterpret_cast<const guchar*>(buffer), length);
+    if (length == 0) digest = g_checksum_get_string(checksum);
+    g_checksum_free(checksum);
+  }
+  ::close(fd);
   return digest;
 }
 
@@ -84,41 +118,46 @@ std::string packageVersion(const std::string& package, const std::string& databa
   return {};
 }
 
-// Checks one regular file; the error says why it fails.
-Ref<Error> checkFile(const fs::path& path, const std::string& database, PackagedFile* found = nullptr) {
-  const auto packaged = findPackagedFile(path, database);
-  if (!packaged) return signatureError(OVCodeSignatureStatusUnsigned, path.string() + " does not belong to an installed package");
+// Checks one regular file; the error says why it fails. Descriptions name no
+// path: the caller has it, and logs must not.
+Ref<Error> checkFile(const fs::path& path, const PackageIndex& index, PackagedFile* found = nullptr) {
+  const auto packaged = index.find(path);
+  if (!packaged)
+    return signatureError(OVCodeSignatureStatusUnsigned, "a file of the item does not belong to an installed package");
   const auto digest = md5Of(path);
-  if (!digest) return signatureError(OVCodeSignatureStatusNotFound, path.string() + " cannot be read");
+  if (!digest) return signatureError(OVCodeSignatureStatusNotFound, "a file of the item cannot be read");
   if (*digest != packaged->recordedDigest)
     return signatureError(OVCodeSignatureStatusSignatureFailed,
-                          path.string() + " differs from the copy package " + packaged->package + " installed");
+                          "a file of the item differs from the copy its package installed");
   if (found) *found = *packaged;
   return nullptr;
 }
 
 Ref<Error> checkValidity(const fs::path& path, const std::string& database) {
   std::error_code error;
-  if (!fs::exists(fs::symlink_status(path, error)))
-    return signatureError(OVCodeSignatureStatusNotFound, path.string() + " does not exist");
-  if (!fs::is_directory(path, error)) return checkFile(fs::canonical(path, error), database);
+  const fs::path item = fs::canonical(path, error);
+  if (error) return signatureError(OVCodeSignatureStatusNotFound, "the item cannot be read");
+  if (!fs::is_directory(item, error)) return checkFile(item, PackageIndex(database, item, false));
+  const PackageIndex index(database, item, true);
   bool anyFile = false;
-  for (const auto& entry : fs::recursive_directory_iterator(path, error)) {
-    if (!entry.is_regular_file(error) || entry.is_symlink(error)) continue;
+  fs::recursive_directory_iterator entries(item, error), end;
+  for (; !error && entries != end; entries.increment(error)) {
+    const auto status = entries->symlink_status(error);
+    if (error) break;
+    if (fs::is_directory(status) || fs::is_symlink(status)) continue;
+    if (!fs::is_regular_file(status))
+      return signatureError(OVCodeSignatureStatusUnsigned, "the item holds a special file no package installs");
     anyFile = true;
-    if (auto failure = checkFile(entry.path(), database)) return failure;
+    if (auto failure = checkFile(entries->path(), index)) return failure;
   }
-  if (!anyFile) return signatureError(OVCodeSignatureStatusUnsigned, path.string() + " holds no files");
+  // A folder that could not be read in full is not known to be valid.
+  if (error) return signatureError(OVCodeSignatureStatusNotFound, "a folder of the item cannot be read");
+  if (!anyFile) return signatureError(OVCodeSignatureStatusUnsigned, "the item holds no files");
   return nullptr;
 }
 
 bool isSandboxed(const fs::path& path) {
-  const std::string text = fs::weakly_canonical(path).string();
-  if (text.find("/flatpak/app/") != std::string::npos || text.rfind("/snap/", 0) == 0 || text.rfind("/app/", 0) == 0)
-    return true;
-  std::error_code error;
-  return fs::is_directory(path, error) &&
-         (fs::exists(path / "metadata", error) || fs::exists(path / "meta" / "snap.yaml", error));
+  return platform::sandboxPackagingOfPath(path.string()) != platform::SandboxPackaging::None;
 }
 
 }  // namespace
@@ -135,31 +174,36 @@ bool OVCodeSignatureChecker::codeSignatureAtURL_satisfiesCodeRequirements_error(
                                                                                 std::string_view requirement,
                                                                                 Ref<Error>* error,
                                                                                 const std::string& packageDatabase) {
-  const fs::path path = url ? url->path() : std::string();
+  // No path (or one holding a NUL byte, which the system would read only up
+  // to that byte) names nothing that can be checked.
+  const std::optional<std::string> representation = url ? url->fileSystemRepresentation() : std::nullopt;
+  const fs::path path = representation.value_or(std::string());
   Ref<Error> failure;
   std::error_code ignored;
   if (path.empty() || !fs::exists(fs::symlink_status(path, ignored))) {
-    failure = signatureError(OVCodeSignatureStatusNotFound, path.string() + " does not exist");
-  } else if (requirement.empty()) {
-    failure = checkValidity(path, packageDatabase);
-  } else if (requirement != OVSandboxRequirement) {
+    failure = signatureError(OVCodeSignatureStatusNotFound, "the item does not exist");
+  } else if (!requirement.empty() && requirement != OVSandboxRequirement) {
     failure = signatureError(OVCodeSignatureStatusRequirementInvalid,
                              "unsupported requirement: only the sandbox entitlement can be checked here");
-  } else if (!isSandboxed(path)) {
+  } else if ((failure = checkValidity(path, packageDatabase))) {
+    // The requirement is checked together with validity: an unsigned
+    // application satisfies none.
+  } else if (!requirement.empty() && !isSandboxed(path)) {
     failure = signatureError(OVCodeSignatureStatusRequirementFailed,
-                             path.string() + " is not a Flatpak or Snap application");
+                             "the application was not installed into a system Flatpak or Snap installation");
   }
   if (failure && error) *error = failure;
   return !failure;
 }
 
 Ref<Dictionary> OVCodeSignatureChecker::codeSignatureInfoAtURL(const Ref<URL>& url, const std::string& packageDatabase) {
-  if (!url) return nullptr;
+  const std::optional<std::string> representation = url ? url->fileSystemRepresentation() : std::nullopt;
+  if (!representation) return nullptr;
   std::error_code error;
-  const fs::path path = fs::canonical(url->path(), error);
+  const fs::path path = fs::canonical(*representation, error);
   if (error || !fs::is_regular_file(path, error)) return nullptr;
   PackagedFile packaged;
-  if (checkFile(path, packageDatabase, &packaged)) return nullptr;
+  if (checkFile(path, PackageIndex(packageDatabase, path, false), &packaged)) return nullptr;
   return Dictionary::dictionaryWithStringKeys({{"package", String::string(packaged.package)},
                                                {"version", String::string(packageVersion(packaged.package, packageDatabase))},
                                                {"checksum", String::string(packaged.recordedDigest)}});

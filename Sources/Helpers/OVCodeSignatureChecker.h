@@ -3,15 +3,21 @@
 // Linux can give them:
 // - valid: every regular file at the URL (the file itself, or each file under
 //   a folder) belongs to an installed Debian package and its MD5 digest
-//   matches the one the package recorded (dpkg's info/*.md5sums);
-// - sandboxed: the application lives in or is packaged for a sandbox: under a
-//   Flatpak installation (…/flatpak/app/…, or /app inside one), under /snap,
-//   or a folder carrying Flatpak "metadata" or a Snap "meta/snap.yaml".
+//   matches the one the package recorded (dpkg's info/*.md5sums); a folder
+//   that holds devices, pipes or sockets, or cannot be read in full, is not;
+// - sandboxed: valid as above, and installed by a sandboxing package manager
+//   into its system installation: a Flatpak application deployed under
+//   /var/lib/flatpak, or a Snap revision mounted read-only under /snap (see
+//   fennick/Platform/SandboxInstallation.h). Only what root alone can have
+//   put there counts: a folder that merely looks packaged, or a per-user
+//   installation, is not sandboxed. An unsigned application satisfies no
+//   requirement.
 // The only requirement text understood is the sandbox one
 // (`entitlement["com.apple.security.app-sandbox"] exists`); any other is
 // refused. Failures come as false or nil with an error record in
-// NSOSStatusErrorDomain whose description says why; the codes are the
-// platform's code-signing statuses named below.
+// NSOSStatusErrorDomain whose description says why (without the item's path);
+// the codes are the platform's code-signing statuses named below. A URL whose
+// path holds a NUL byte names nothing (OVCodeSignatureStatusNotFound).
 //
 // Every operation reads the package database afresh and may be called from
 // any thread. `packageDatabase` is the dpkg administrative folder.

@@ -16,6 +16,12 @@
 // and reachabilityFlags() may be called from any thread; isNotifierRunning()
 // must not be called from the "reachability" queue. The change socket is
 // open only while there is at least one subscription.
+//
+// When the flags cannot be read (no descriptor left for a socket, no answer
+// from the kernel), the status is "not reachable" and no connection is
+// required. A notifier that cannot be started for the first subscription is
+// a programming error, as on the platform: the process stops on the
+// assertion "didSchedule".
 #include "fennick/Platform/RouteReachability.h"
 #include "fennick/Runtime/Object.h"
 

@@ -5,7 +5,10 @@
 // Process::waitUntilExit() raise and answers false (or nil) instead.
 //
 // The functions block the calling thread only for as long as the wrapped
-// Process operation does; they may be called from any thread.
+// Process operation does; they may be called from any thread. A launch
+// returns as soon as the child has started; a wait has no time limit and
+// lasts as long as the child runs (terminate() the child to end it), after
+// which the child has been reaped.
 #include "fennick/Runtime/Process.h"
 
 #include <string>

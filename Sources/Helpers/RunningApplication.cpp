@@ -4,9 +4,13 @@
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/String.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +31,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kDesktopGroup = "Desktop Entry";
+// Desktop entries are a few kilobytes; a larger file is not one.
+constexpr std::size_t kDesktopEntryLimit = 1024 * 1024;
 
 struct DesktopEntry {
   std::string identifier;
@@ -81,9 +87,35 @@ struct KeyFileDeleter {
 };
 using KeyFile = std::unique_ptr<GKeyFile, KeyFileDeleter>;
 
+// The bytes of a regular file of at most `limit` bytes, opened without
+// blocking (a pipe planted in its place is never waited on).
+std::optional<std::string> readSmallFile(const fs::path& path, std::size_t limit) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return std::nullopt;
+  struct stat info {};
+  std::optional<std::string> text;
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && static_cast<std::size_t>(info.st_size) <= limit) {
+    text.emplace();
+    char buffer[8192];
+    for (;;) {
+      const ssize_t length = ::read(fd, buffer, sizeof buffer);
+      if (length < 0 && errno == EINTR) continue;
+      if (length < 0 || text->size() + static_cast<std::size_t>(std::max<ssize_t>(length, 0)) > limit) text.reset();
+      if (length <= 0 || !text) break;
+      text->append(buffer, static_cast<std::size_t>(length));
+    }
+  }
+  ::close(fd);
+  return text;
+}
+
+// A text file never holds a NUL byte: an entry that does is not read at all,
+// rather than read up to it.
 KeyFile loadDesktopEntry(const fs::path& path) {
+  const std::optional<std::string> data = readSmallFile(path, kDesktopEntryLimit);
+  if (!data || data->find('\0') != std::string::npos) return nullptr;
   KeyFile file(g_key_file_new());
-  if (!g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, nullptr)) return nullptr;
+  if (!g_key_file_load_from_data(file.get(), data->data(), data->size(), G_KEY_FILE_NONE, nullptr)) return nullptr;
   if (!g_key_file_has_group(file.get(), kDesktopGroup)) return nullptr;
   return file;
 }
@@ -183,10 +215,36 @@ fs::path bundleOfExecutable(const fs::path& executable) {
   return executable;
 }
 
+// A name to show: bytes that are not UTF-8 (a file name may hold any) become
+// replacement characters.
+std::string displayable(std::string_view bytes) {
+  gchar* valid = g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size()));
+  std::string text(valid);
+  g_free(valid);
+  return text;
+}
+
 std::string commandName(pid_t pid) {
   std::string name = readWholeFile(fs::path("/proc") / std::to_string(pid) / "comm");
   while (!name.empty() && name.back() == '\n') name.pop_back();
-  return name;
+  return displayable(name);
+}
+
+// The executable's path as the kernel recorded it at exec. An executable
+// removed or replaced since (an update installed while the application runs)
+// keeps the path it was started from, without the " (deleted)" mark the
+// kernel adds; a file whose name merely ends so keeps its name.
+fs::path executableOfProcess(pid_t pid) {
+  const fs::path link = fs::path("/proc") / std::to_string(pid) / "exe";
+  char target[PATH_MAX];
+  const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
+  if (length <= 0 || static_cast<std::size_t>(length) >= sizeof target || target[0] != '/') return {};
+  std::string path(target, static_cast<std::size_t>(length));
+  struct stat running {};
+  if (::stat(link.c_str(), &running) != 0) return {};
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (running.st_nlink == 0 && path.ends_with(kDeleted)) path.resize(path.size() - kDeleted.size());
+  return path;
 }
 
 }  // namespace
@@ -202,7 +260,7 @@ Ref<OVClassReflection> RunningApplication::makeReflection() {
 class RunningApplicationFactory {
  public:
   static Ref<RunningApplication> make(pid_t pid, const std::map<fs::path, DesktopEntry>* index) {
-    fs::path executable = canonicalOrEmpty(fs::path("/proc") / std::to_string(pid) / "exe");
+    const fs::path executable = executableOfProcess(pid);
     if (executable.empty()) return nullptr;
     auto record = fennick::make<RunningApplication>();
     record->processIdentifier_ = pid;
@@ -226,7 +284,7 @@ class RunningApplicationFactory {
     }
     if (!record->localizedName_) {
       std::string name = commandName(pid);
-      record->localizedName_ = String::string(name.empty() ? executable.filename().string() : name);
+      record->localizedName_ = String::string(name.empty() ? displayable(executable.filename().string()) : name);
     }
     return record;
   }

@@ -6,7 +6,10 @@
 //
 // Where the facts come from:
 //   processIdentifier  the process
-//   executableURL      /proc/PID/exe
+//   executableURL      /proc/PID/exe: the path the process was started
+//                      from, also when that file has since been removed
+//                      or replaced (the kernel's " (deleted)" mark is
+//                      dropped)
 //   bundleURL          the nearest directory holding "Info.plist" or
 //                      "Contents/Info.plist" above the executable (two levels
 //                      at most), else the executable itself (an ELF bundle)
@@ -18,8 +21,13 @@
 //   bundleIdentifier   the desktop entry's id ("org.gnome.Calculator"), nil
 //                      without an entry
 //   localizedName      the entry's Name in the user's language, else the
-//                      process's command name (/proc/PID/comm)
+//                      process's command name (/proc/PID/comm), bytes that
+//                      are not UTF-8 shown as replacement characters
 //   icon               the entry's Icon: an icon-theme name or a file path
+//
+// Desktop entries are read only when they are regular files of at most
+// 1 MiB without NUL bytes, opened without blocking: a pipe or a huge file
+// planted as an entry is no entry.
 //
 // Records are shared, not duplicated: copy() returns the record itself. They
 // archive with secure coding through their class reflection (localizedName

@@ -1,6 +1,9 @@
 #include "fennick/Platform/RouteReachability.h"
 
+#include "fennick/Platform/Internal/NetlinkMessages.h"
+
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 #include <linux/netlink.h>
@@ -15,12 +18,10 @@ namespace fennick::platform {
 
 namespace {
 
-struct Route {
-  unsigned char type = RTN_UNSPEC;
-  unsigned flags = 0;
-  int outputInterface = 0;
-  bool hasGateway = false;
-};
+using netlink::Route;
+
+// How long a lookup waits for the kernel's answer before giving up on it.
+constexpr auto kAnswerTimeout = std::chrono::seconds(2);
 
 // Sockets that lookups reuse: each thread keeps its own, since a change can
 // cause several lookups in a row and opening sockets costs more than asking.
@@ -32,7 +33,11 @@ class ThreadSocket {
   ThreadSocket(const ThreadSocket&) = delete;
   ThreadSocket& operator=(const ThreadSocket&) = delete;
   int get() {
-    if (fd_ < 0) fd_ = ::socket(domain_, type_ | SOCK_CLOEXEC, protocol_);
+    if (fd_ >= 0) return fd_;
+    fd_ = ::socket(domain_, type_ | SOCK_CLOEXEC, protocol_);
+    // No single wait for an answer outlasts the lookup's own deadline.
+    const timeval timeout{.tv_sec = std::chrono::seconds(kAnswerTimeout).count(), .tv_usec = 0};
+    if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     return fd_;
   }
   void reset() {
@@ -66,18 +71,16 @@ std::optional<bool> interfaceIsRunning(int index) {
   return (flags & IFF_UP) && (flags & (IFF_RUNNING | IFF_LOOPBACK));
 }
 
-Route parseRoute(const nlmsghdr* header) {
-  const auto* message = static_cast<const rtmsg*>(NLMSG_DATA(header));
-  Route route;
-  route.type = message->rtm_type;
-  route.flags = message->rtm_flags;
-  int length = static_cast<int>(RTM_PAYLOAD(header));
-  for (const rtattr* attribute = RTM_RTA(message); RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
-    if (attribute->rta_type == RTA_OIF) std::memcpy(&route.outputInterface, RTA_DATA(attribute), sizeof(int));
-    if (attribute->rta_type == RTA_GATEWAY) route.hasGateway = true;
-    if (attribute->rta_type == RTA_MULTIPATH) route.hasGateway = true;  // several next hops: via gateways
-  }
-  return route;
+// One datagram: its length, 0 for one to ignore, or -1 on failure (a timeout
+// included). Datagrams that other processes send to this socket's address
+// are ignored: only the kernel speaks for the routes.
+ssize_t receiveFromKernel(int socket, std::byte* buffer, std::size_t size) {
+  sockaddr_nl sender{};
+  socklen_t senderLength = sizeof sender;
+  const ssize_t received = ::recvfrom(socket, buffer, size, 0, reinterpret_cast<sockaddr*>(&sender), &senderLength);
+  if (received < 0) return errno == EINTR ? 0 : -1;
+  if (senderLength < sizeof sender || sender.nl_pid != 0) return 0;
+  return received;
 }
 
 std::uint32_t flagsForRoute(const Route& route) {
@@ -91,11 +94,10 @@ std::uint32_t flagsForRoute(const Route& route) {
 }
 
 // Sends one request and calls `visit` with each answer until the kernel is
-// done; false when the socket fails or the kernel answers with an error.
-// Answers to an earlier request that was left unfinished are skipped by
-// their sequence number.
-template <class Visit>
-bool exchange(nlmsghdr* request, Visit visit) {
+// done; false when the socket fails, the kernel answers with an error, or the
+// answer is malformed, too long or too slow. The socket is then closed, so
+// that what is left of the answer never reaches the next request.
+bool exchange(nlmsghdr* request, const netlink::AnswerReader::Visit& visit) {
   thread_local std::uint32_t sequence = 0;
   ThreadSocket& route = routeSocket();
   const int socket = route.get();
@@ -107,23 +109,17 @@ bool exchange(nlmsghdr* request, Visit visit) {
     route.reset();
     return false;
   }
-  alignas(nlmsghdr) char buffer[16384];
-  for (;;) {
-    const ssize_t received = ::recv(socket, buffer, sizeof buffer, 0);
-    if (received < 0 && errno == EINTR) continue;
-    if (received <= 0) {
-      route.reset();
-      return false;
-    }
-    auto length = static_cast<unsigned>(received);
-    for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
-      if (header->nlmsg_seq != request->nlmsg_seq) continue;
-      if (header->nlmsg_type == NLMSG_DONE) return true;
-      if (header->nlmsg_type == NLMSG_ERROR) return static_cast<const nlmsgerr*>(NLMSG_DATA(header))->error == 0;
-      visit(header);
-      if (!(header->nlmsg_flags & NLM_F_MULTI)) return true;
-    }
+  netlink::AnswerReader answer(request->nlmsg_seq);
+  const auto deadline = std::chrono::steady_clock::now() + kAnswerTimeout;
+  alignas(nlmsghdr) std::byte buffer[32768];
+  while (answer.state() == netlink::AnswerReader::State::More) {
+    const ssize_t received = receiveFromKernel(socket, buffer, sizeof buffer);
+    if (received < 0 || std::chrono::steady_clock::now() > deadline) break;
+    answer.feed(std::span(buffer, static_cast<std::size_t>(received)), visit);
   }
+  if (answer.state() == netlink::AnswerReader::State::Done) return true;
+  route.reset();
+  return false;
 }
 
 struct RouteRequest {
@@ -159,8 +155,8 @@ std::uint32_t flagsForAddress(const sockaddr* address) {
   request.header.nlmsg_len = NLMSG_ALIGN(request.header.nlmsg_len) + RTA_ALIGN(attribute->rta_len);
 
   std::uint32_t flags = 0;
-  exchange(&request.header, [&](const nlmsghdr* header) {
-    if (header->nlmsg_type == RTM_NEWROUTE) flags = flagsForRoute(parseRoute(header));
+  exchange(&request.header, [&](const nlmsghdr& header) {
+    if (const auto route = netlink::parseRoute(header)) flags = flagsForRoute(*route);
   });
   return flags;
 }
@@ -173,10 +169,10 @@ std::uint32_t flagsForDefaultRoute() {
     request.header.nlmsg_type = RTM_GETROUTE;
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.message.rtm_family = family;
-    exchange(&request.header, [&](const nlmsghdr* header) {
-      const auto* message = static_cast<const rtmsg*>(NLMSG_DATA(header));
-      if (header->nlmsg_type != RTM_NEWROUTE || message->rtm_dst_len != 0 || message->rtm_table != RT_TABLE_MAIN) return;
-      const auto flags = flagsForRoute(parseRoute(header));
+    exchange(&request.header, [&](const nlmsghdr& header) {
+      const auto route = netlink::parseRoute(header);
+      if (!route || route->destinationLength != 0 || route->table != RT_TABLE_MAIN) return;
+      const auto flags = flagsForRoute(*route);
       // A reachable route wins over one that needs its link brought up.
       if ((flags & kReachable) || !(best & kReachable)) best = std::max(best, flags);
     });
@@ -255,16 +251,12 @@ int openRouteChangeSocket() {
 
 bool drainRouteChanges(int socket) {
   bool changed = false;
-  alignas(nlmsghdr) char buffer[16384];
+  alignas(nlmsghdr) std::byte buffer[16384];
   for (;;) {
-    const ssize_t received = ::recv(socket, buffer, sizeof buffer, 0);
-    if (received < 0 && errno == EINTR) continue;
+    const ssize_t received = receiveFromKernel(socket, buffer, sizeof buffer);
     // ENOBUFS: the kernel dropped messages; something changed all the same.
     if (received < 0) return changed || errno == ENOBUFS;
-    if (received == 0) return changed;
-    auto length = static_cast<unsigned>(received);
-    for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length); header = NLMSG_NEXT(header, length))
-      if (header->nlmsg_type >= RTM_NEWLINK && header->nlmsg_type <= RTM_DELROUTE) changed = true;
+    changed |= netlink::reportsRouteChange(std::span(buffer, static_cast<std::size_t>(received)));
   }
 }
 

@@ -14,6 +14,12 @@
 // - kIsDirect when the route needs no gateway.
 // Linux has no connections on demand or on traffic and no intervention, so
 // those flags are never set.
+//
+// Only the kernel's answers count: datagrams other processes send to a
+// socket's address are ignored, an answer is read only as far as its
+// lengths hold (see Internal/NetlinkMessages.h), and a lookup gives up
+// (flags 0) after two seconds without the end of its answer. Without a
+// descriptor for a socket, lookups answer 0 and openRouteChangeSocket -1.
 #include <cstdint>
 #include <memory>
 #include <mutex>

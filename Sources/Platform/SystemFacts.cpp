@@ -1,11 +1,15 @@
 #include "fennick/Platform/SystemFacts.h"
 
+#include "fennick/Runtime/String.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <fmt/format.h>
@@ -16,7 +20,9 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 #include <utmpx.h>
 
 namespace fennick::platform {
@@ -25,34 +31,75 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::optional<std::string> readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) return std::nullopt;
+// The texts read here are small; anything larger is not the file expected.
+constexpr std::size_t kTextLimit = 64 * 1024;
+
+// A regular file's first `limit` bytes, opened without blocking on anything
+// that is not a file. With `whole`, a longer file is unreadable (nullopt).
+std::optional<std::string> readFile(const fs::path& path, std::size_t limit = kTextLimit, bool whole = true) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return std::nullopt;
+  struct stat info {};
+  std::optional<std::string> text;
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    text.emplace();
+    char buffer[8192];
+    while (text && text->size() <= limit) {
+      const ssize_t length = ::read(fd, buffer, sizeof buffer);
+      if (length < 0 && errno == EINTR) continue;
+      if (length < 0) text.reset();
+      if (length <= 0) break;
+      text->append(buffer, static_cast<std::size_t>(length));
+    }
+    if (text && text->size() > limit) {
+      if (whole) text.reset();
+      else text->resize(limit);
+    }
+  }
+  ::close(fd);
   return text;
 }
 
 std::string trimmed(std::string_view text) {
-  const auto isSpace = [](char c) { return c == '\n' || c == ' ' || c == '\t' || c == '\r' || c == '\0'; };
+  const auto isSpace = [](char c) { return c == '\n' || c == ' ' || c == '\t' || c == '\r'; };
   while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
   while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
   return std::string(text);
 }
 
+// A fact's text as it may be shown: valid UTF-8 without NUL bytes or other
+// control characters, and short (no name, model or build is long); anything
+// else counts as unreadable ("").
+std::string plainText(std::string text) {
+  const bool plain = text.size() <= 4096 && String::isValidUTF8(text) && std::none_of(text.begin(), text.end(), [](char c) {
+                       const auto byte = static_cast<unsigned char>(c);
+                       return byte < 0x20 || byte == 0x7f;
+                     });
+  return plain ? text : std::string();
+}
+
 std::string firstLineOf(const fs::path& path) {
   auto text = readFile(path);
   if (!text) return {};
-  return trimmed(std::string_view(*text).substr(0, text->find('\n')));
+  return plainText(trimmed(std::string_view(*text).substr(0, text->find('\n'))));
 }
 
+// A decimal integer that is the whole text (an optional sign only when the
+// type has one); nullopt for anything else, overflow included.
 template <class Integer>
-std::optional<Integer> parseInteger(std::string_view text) {
+std::optional<Integer> parseInteger(std::string_view text, int base = 10) {
   Integer value{};
   const auto* end = text.data() + text.size();
-  const auto [rest, failure] = std::from_chars(text.data(), end, value);
-  if (failure != std::errc() || rest == text.data()) return std::nullopt;
+  const auto [rest, failure] = std::from_chars(text.data(), end, value, base);
+  if (failure != std::errc() || rest != end || text.empty()) return std::nullopt;
   return value;
+}
+
+// Digits only: version numbers and times have no sign.
+std::optional<long long> parseUnsigned(std::string_view text) {
+  if (text.empty() || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+    return std::nullopt;
+  return parseInteger<long long>(text);
 }
 
 std::string upperCased(std::string text) {
@@ -87,7 +134,7 @@ std::string defaultRouteInterface() {
     std::istringstream fields(line);
     std::string interface, destination, gateway, flags, refcount, use, metric, mask;
     if (!(fields >> interface >> destination >> gateway >> flags >> refcount >> use >> metric >> mask)) continue;
-    const auto up = parseInteger<unsigned>(flags);
+    const auto up = parseInteger<unsigned>(flags, 16);
     if (destination == "00000000" && mask == "00000000" && up && (*up & 1)) return interface;
   }
   return {};
@@ -96,8 +143,14 @@ std::string defaultRouteInterface() {
 }  // namespace
 
 std::optional<std::string> sysctlValue(std::string_view name, int kind) {
-  if (name.empty() || name.find('/') != std::string_view::npos || name.find("..") != std::string_view::npos)
-    return std::nullopt;
+  // Names are dotted words; anything else (a slash, "..", a NUL byte that the
+  // system would cut the path at) names no value.
+  const bool wellFormed =
+      !name.empty() && name.size() <= 255 && name.front() != '.' && name.back() != '.' &&
+      name.find("..") == std::string_view::npos && std::all_of(name.begin(), name.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
+      });
+  if (!wellFormed) return std::nullopt;
   std::string path = "/proc/sys/" + std::string(name);
   std::replace(path.begin() + 10, path.end(), '.', '/');
   auto text = readFile(path);
@@ -111,6 +164,7 @@ std::optional<std::string> sysctlValue(std::string_view name, int kind) {
       if (auto number = parseInteger<long long>(value)) return std::to_string(*number);
       return std::nullopt;
     default:
+      if (!String::isValidUTF8(value) || value.find('\0') != std::string::npos) return std::nullopt;
       return value;
   }
 }
@@ -124,8 +178,11 @@ std::string uuidFromMachineID(std::string_view machineID) {
 }
 
 std::string hardwareUUID() {
-  std::string product = firstLineOf("/sys/class/dmi/id/product_uuid");
-  if (product.size() == 36) return upperCased(product);
+  const std::string product = firstLineOf("/sys/class/dmi/id/product_uuid");
+  const bool isUUID = product.size() == 36 && std::all_of(product.begin(), product.end(), [](unsigned char c) {
+                        return std::isxdigit(c) || c == '-';
+                      });
+  if (isUUID) return upperCased(product);
   if (auto machineID = readFile("/etc/machine-id")) return uuidFromMachineID(*machineID);
   return {};
 }
@@ -192,7 +249,7 @@ std::string assignedValue(std::string_view osRelease, std::string_view field) {
     std::string value = trimmed(std::string_view(line).substr(field.size() + 1));
     if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front())
       value = value.substr(1, value.size() - 2);
-    return value;
+    return plainText(std::move(value));
   }
   return {};
 }
@@ -203,7 +260,8 @@ OSVersion osVersionFromOSRelease(std::string_view osRelease) {
   std::string_view rest = versionID;
   for (long& number : numbers) {
     const auto dot = rest.find('.');
-    number = parseInteger<long>(rest.substr(0, dot)).value_or(0);
+    const auto parsed = parseUnsigned(rest.substr(0, dot));
+    number = parsed && *parsed <= LONG_MAX ? static_cast<long>(*parsed) : 0;
     if (dot == std::string_view::npos) break;
     rest.remove_prefix(dot + 1);
   }
@@ -225,7 +283,10 @@ std::string osBuild() {
 std::string machineModel() {
   std::string model = firstLineOf("/sys/class/dmi/id/product_name");
   if (!model.empty()) return model;
-  return trimmed(readFile("/proc/device-tree/model").value_or(""));
+  // The device tree keeps its texts with their terminating NUL byte.
+  std::string treeModel = readFile("/proc/device-tree/model").value_or("");
+  if (!treeModel.empty() && treeModel.back() == '\0') treeModel.pop_back();
+  return plainText(trimmed(treeModel));
 }
 
 ProcessorType processorType() {
@@ -245,12 +306,16 @@ std::string processorBrandFromCPUInfo(std::string_view cpuinfo) {
   while (std::getline(lines, line)) {
     if (line.rfind("model name", 0) != 0) continue;
     const auto colon = line.find(':');
-    if (colon != std::string::npos) return trimmed(std::string_view(line).substr(colon + 1));
+    if (colon != std::string::npos) return plainText(trimmed(std::string_view(line).substr(colon + 1)));
   }
   return {};
 }
 
-std::string processorBrand() { return processorBrandFromCPUInfo(readFile("/proc/cpuinfo").value_or("")); }
+// The first processor's block is all that is needed; machines with hundreds
+// of processors have a long /proc/cpuinfo.
+std::string processorBrand() {
+  return processorBrandFromCPUInfo(readFile("/proc/cpuinfo", kTextLimit, false).value_or(""));
+}
 
 std::string languageTagFromLocale(std::string_view locale) {
   std::string_view modifier;
@@ -265,7 +330,12 @@ std::string languageTagFromLocale(std::string_view locale) {
   if (modifier == "cyrillic") tag += "-Cyrl";
   if (const auto underscore = locale.find('_'); underscore != std::string_view::npos)
     tag += "-" + std::string(locale.substr(underscore + 1));
-  return tag;
+  // A tag is letters, digits and dashes; a variable holding anything else
+  // names no language.
+  const bool wellFormed = tag.size() <= 64 && tag.front() != '-' && std::all_of(tag.begin(), tag.end(), [](char c) {
+                            return std::isalnum(static_cast<unsigned char>(c)) || c == '-';
+                          });
+  return wellFormed ? tag : std::string();
 }
 
 std::vector<std::string> preferredLanguages() {
@@ -284,26 +354,51 @@ std::vector<std::string> preferredLanguages() {
   return tags;
 }
 
-std::optional<std::time_t> bootTime() {
-  std::ifstream stat("/proc/stat");
-  std::string key;
-  long long value = 0;
-  while (stat >> key) {
-    if (key == "btime" && stat >> value) return static_cast<std::time_t>(value);
-    stat.ignore(LLONG_MAX, '\n');
+std::optional<std::time_t> bootTimeFromStat(std::string_view stat) {
+  for (std::size_t start = 0; start < stat.size();) {
+    std::size_t end = stat.find('\n', start);
+    if (end == std::string_view::npos) end = stat.size();
+    const std::string_view line = stat.substr(start, end - start);
+    start = end + 1;
+    if (line.substr(0, 6) != "btime ") continue;
+    const auto seconds = parseUnsigned(trimmed(line.substr(6)));
+    if (!seconds || *seconds == 0) return std::nullopt;
+    return static_cast<std::time_t>(*seconds);
   }
   return std::nullopt;
 }
 
+std::optional<std::time_t> bootTime() {
+  // btime follows the per-processor lines, which are many on large machines.
+  return bootTimeFromStat(readFile("/proc/stat", 4 * 1024 * 1024, false).value_or(""));
+}
+
 std::optional<std::time_t> lastLoginFromHistory(const char* path, std::string_view user) {
-  // The history is appended to; the newest matching record is the last one.
-  std::ifstream history(path, std::ios::binary);
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return std::nullopt;
+  struct stat info {};
   std::optional<std::time_t> newest;
-  utmpx record{};
-  while (history.read(reinterpret_cast<char*>(&record), sizeof record)) {
-    const std::string_view name(record.ut_user, strnlen(record.ut_user, sizeof record.ut_user));
-    if (record.ut_type == USER_PROCESS && name == user) newest = static_cast<std::time_t>(record.ut_tv.tv_sec);
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    // The history is appended to: the newest record is the last whole one (a
+    // record cut short at the end by a crash is none), so it is read from the
+    // end, a batch at a time, and only as far back as the newest login.
+    constexpr off_t kBatch = 64;
+    std::vector<utmpx> records(kBatch);
+    off_t count = info.st_size / static_cast<off_t>(sizeof(utmpx));
+    while (count > 0 && !newest) {
+      const off_t first = std::max<off_t>(0, count - kBatch);
+      const auto bytes = static_cast<std::size_t>(count - first) * sizeof(utmpx);
+      if (::pread(fd, records.data(), bytes, first * static_cast<off_t>(sizeof(utmpx))) != static_cast<ssize_t>(bytes))
+        break;
+      for (auto index = static_cast<std::size_t>(count - first); index-- > 0 && !newest;) {
+        const utmpx& record = records[index];
+        const std::string_view name(record.ut_user, strnlen(record.ut_user, sizeof record.ut_user));
+        if (record.ut_type == USER_PROCESS && name == user) newest = static_cast<std::time_t>(record.ut_tv.tv_sec);
+      }
+      count = first;
+    }
   }
+  ::close(fd);
   return newest;
 }
 
@@ -314,7 +409,7 @@ std::optional<std::time_t> logindSessionStart(unsigned uid, const char* runDirec
   for (const auto& entry : fs::directory_iterator(fs::path(runDirectory) / "sessions", error)) {
     auto text = readFile(entry.path());
     if (!text || assignedValue(*text, "UID") != owner) continue;
-    const auto microseconds = parseInteger<long long>(assignedValue(*text, "REALTIME"));
+    const auto microseconds = parseUnsigned(assignedValue(*text, "REALTIME"));
     if (!microseconds) continue;
     const auto start = static_cast<std::time_t>(*microseconds / 1'000'000);
     if (!newest || start > *newest) newest = start;

@@ -4,6 +4,12 @@
 // answers an empty text, an empty list or nullopt when the fact is not
 // available; none raises. The parsers are separate so that they can be given
 // text from elsewhere. All functions are thread-safe.
+//
+// What they read is taken as hostile: only regular files are read, opened
+// without blocking, and only up to a size that no such file reaches (64 KiB
+// for most); a text fact holding a NUL byte, a control character or invalid
+// UTF-8 reads as unavailable, numbers must be whole decimal numbers without
+// a sign where none belongs, and a name holding a NUL byte names nothing.
 #include <cstdint>
 #include <ctime>
 #include <optional>
@@ -70,6 +76,9 @@ std::string languageTagFromLocale(std::string_view locale);
 
 /// The kernel's boot time ("btime" of /proc/stat); nullopt when unreadable.
 std::optional<std::time_t> bootTime();
+/// "btime" of /proc/stat text; nullopt when missing, not a positive number
+/// of seconds, or malformed.
+std::optional<std::time_t> bootTimeFromStat(std::string_view stat);
 /// The newest login of `user` in a login history file (utmpx records of a
 /// user process); nullopt when there is none.
 std::optional<std::time_t> lastLoginFromHistory(const char* path, std::string_view user);

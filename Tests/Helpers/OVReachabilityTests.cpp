@@ -1,4 +1,5 @@
 #include "HelpersTestSupport.h"
+#include "Platform/ChildTestRun.h"
 
 #include "fennick/Helpers/OVReachability.h"
 #include "fennick/Runtime/UUID.h"
@@ -10,7 +11,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <sys/resource.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace fennick;
@@ -108,6 +111,72 @@ TEST(OVReachabilityTest, LoopbackNamesAndAddressesAreLocal) {
   ASSERT_TRUE(name);
   EXPECT_TRUE(name->reachabilityRef()->resolve());
   EXPECT_EQ(name->status(), 1);
+}
+
+std::size_t openDescriptors() {
+  std::error_code error;
+  std::size_t count = 0;
+  for (std::filesystem::directory_iterator it("/proc/self/fd", error), end; !error && it != end; it.increment(error))
+    ++count;
+  return count;
+}
+
+// Lowers the descriptor limit and takes every descriptor left; answers them.
+std::vector<int> exhaustDescriptors() {
+  const rlimit limit{256, 256};
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> taken;
+  for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) taken.push_back(fd);
+  return taken;
+}
+
+TEST(OVReachabilityTest, WithoutDescriptorsLeft) {
+  FENNICK_RUN_IN_CHILD("OVReachabilityTest.InsideDescriptorExhaustion", {});
+}
+
+// Without a socket the flags cannot be read: not reachable, no connection
+// required, and no crash; once descriptors are free the answers come back.
+TEST(OVReachabilityTest, InsideDescriptorExhaustion) {
+  FENNICK_ONLY_IN_CHILD();
+  auto loopbackAddress = ipv4("127.0.0.1");
+  auto loopback = OVReachability::initWithAddress(reinterpret_cast<const sockaddr*>(&loopbackAddress));
+  auto internet = OVReachability::initForInternetConnection();
+  // Read once with descriptors, on a thread of its own (lookups keep a socket
+  // per thread), so that a sanitizer's runtime knows the types it checks
+  // before it has no pipe left to learn them with.
+  std::thread([&] {
+    EXPECT_EQ(loopback->status(), OVReachabilityStatusReachable);
+    (void)internet->status();
+  }).join();
+  const std::vector<int> taken = exhaustDescriptors();
+  for (const auto& reachability : {loopback, internet}) {
+    EXPECT_EQ(reachability->reachabilityFlags(), 0u);
+    EXPECT_EQ(reachability->status(), OVReachabilityStatusNotReachable);
+    EXPECT_FALSE(reachability->connectionRequired());
+  }
+  EXPECT_EQ(openRouteChangeSocket(), -1);
+  for (int fd : taken) close(fd);
+  EXPECT_EQ(loopback->status(), OVReachabilityStatusReachable);
+}
+
+// A notifier that cannot be scheduled is a programming error that stops the
+// process, as the platform's assertion does.
+TEST(OVReachabilityTest, ANotifierThatCannotStartStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto internet = OVReachability::initForInternetConnection();
+        // A first subscription with descriptors lets a sanitizer's runtime
+        // learn the types it checks while it still has a pipe to do so.
+        const std::size_t before = openDescriptors();
+        internet->unsubscribeForChangesWithToken(internet->subscribeForChangesWithBlock([](std::int64_t) {}));
+        fennick::testing::eventually([&] { return !internet->isNotifierRunning() && openDescriptors() <= before; });
+        exhaustDescriptors();
+        internet->subscribeForChangesWithBlock([](std::int64_t) {});
+        internet->isNotifierRunning();  // runs on the queue after the subscription
+        std::_Exit(0);
+      },
+      "didSchedule");
 }
 
 // Runs the namespace tests below in a new user and network namespace of their own.

@@ -8,9 +8,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace fennick;
@@ -140,6 +146,91 @@ TEST_F(RunningApplicationTest, ArchivesItsNameAndIconWithSecureCoding) {
   EXPECT_EQ(decoded->localizedName()->utf8(), "Sleeper");
   EXPECT_EQ(decoded->icon()->utf8(), "org.example.Sleeper");
   EXPECT_EQ(decoded->processIdentifier(), -1);
+}
+
+// Opens a pipe for writing when the test still runs after 10 s, so that a
+// reader blocked on it returns and the test fails instead of hanging.
+class PipeWatchdog {
+ public:
+  explicit PipeWatchdog(fs::path pipe)
+      : thread_([this, pipe = std::move(pipe), finished = finished_.get_future()] {
+          if (finished.wait_for(std::chrono::seconds(10)) == std::future_status::ready) return;
+          fired_ = true;
+          if (const int fd = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC); fd >= 0) ::close(fd);
+        }) {}
+  /// Whether nothing waited on the pipe.
+  bool finish() {
+    finished_.set_value();
+    thread_.join();
+    return !fired_;
+  }
+
+ private:
+  std::promise<void> finished_;
+  std::atomic<bool> fired_{false};
+  std::thread thread_;
+};
+
+// Executables whose names are no text, removed while they run, or named like
+// the kernel's mark for that; desktop entries that are huge, hold NUL bytes or
+// invalid UTF-8, or are pipes. Every record is made, at once, with a name that
+// is text.
+TEST_F(RunningApplicationTest, HostileExecutablesAndEntriesGiveRecordsWithoutWaiting) {
+  fs::create_directories(root_ / "bin");
+  const fs::path oddName = root_ / "bin" / "\xff\xfe sleeper";
+  const fs::path removed = root_ / "bin" / "removed";
+  const fs::path markedName = root_ / "bin" / "kept (deleted)";
+  for (const fs::path& copy : {oddName, removed, markedName}) fs::copy_file("/bin/sleep", copy);
+  const pid_t oddPid = launch(oddName);
+  const pid_t removedPid = launch(removed);
+  fs::remove(removed);
+  const pid_t markedPid = launch(markedName);
+
+  const fs::path entries = root_ / "entries";
+  fs::create_directories(entries);
+  write(entries / "huge.desktop", "[Desktop Entry]\nName=Huge\nExec=sleep\n" + std::string(2 << 20, '#'));
+  constexpr char kWithNul[] = "[Desktop Entry]\nName=Nu\0ll\nExec=sleep\n";
+  write(entries / "nul.desktop", std::string(kWithNul, sizeof kWithNul - 1));
+  write(entries / "bad-name.desktop", "[Desktop Entry]\nName=\xff\xfe\nExec=sleep\n");
+  ASSERT_EQ(::mkfifo((entries / "pipe.desktop").c_str(), 0600), 0);
+  auto launchedWith = [&](const char* entry) {
+    return launch("/bin/sleep", {{"GIO_LAUNCHED_DESKTOP_FILE", (entries / entry).string()}});
+  };
+  // The same hostile files among the installed entries, where they must not
+  // be taken for an entry of sleep either.
+  for (const char* entry : {"huge.desktop", "nul.desktop", "pipe.desktop"})
+    fs::create_symlink(entries / entry, applications() / entry);
+  fs::create_symlink("loop.desktop", applications() / "loop.desktop");
+
+  const struct {
+    const char* name;
+    pid_t pid;
+    std::string executable;
+    const char* identifier;  // nullptr: no desktop entry
+    const char* localizedName;
+  } cases[] = {
+      {"an executable name that is not UTF-8", oddPid, oddName.string(), nullptr, "\xef\xbf\xbd\xef\xbf\xbd sleeper"},
+      {"a removed executable", removedPid, removed.string(), nullptr, "removed"},
+      {"a name ending like the kernel's mark", markedPid, markedName.string(), nullptr, "kept (deleted)"},
+      {"a huge entry", launchedWith("huge.desktop"), "/usr/bin/sleep", nullptr, "sleep"},
+      {"an entry holding a NUL byte", launchedWith("nul.desktop"), "/usr/bin/sleep", nullptr, "sleep"},
+      {"a name that is not UTF-8", launchedWith("bad-name.desktop"), "/usr/bin/sleep", "bad-name", "sleep"},
+      {"a pipe for an entry", launchedWith("pipe.desktop"), "/usr/bin/sleep", nullptr, "sleep"},
+  };
+  PipeWatchdog watchdog(entries / "pipe.desktop");
+  for (const auto& test : cases) {
+    auto record = RunningApplication::runningApplicationWithProcessIdentifier(test.pid);
+    ASSERT_TRUE(record) << test.name;
+    EXPECT_EQ(record->executableURL()->fileSystemRepresentation(),
+              test.executable == "/usr/bin/sleep" ? fs::canonical("/bin/sleep").string() : test.executable)
+        << test.name;
+    EXPECT_EQ(record->bundleIdentifier() ? record->bundleIdentifier()->utf8() : "(nil)",
+              test.identifier ? test.identifier : "(nil)")
+        << test.name;
+    EXPECT_EQ(record->localizedName()->utf8(), test.localizedName) << test.name;
+  }
+  EXPECT_GE(RunningApplication::runningApplications()->count(), 1u);
+  EXPECT_TRUE(watchdog.finish()) << "a pipe planted as a desktop entry was waited on";
 }
 
 TEST(RunningApplication, NoRecordWithoutAProcess) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
+#include <sys/stat.h>
 #include <utmpx.h>
 
 using namespace fennick::platform;
@@ -114,6 +115,129 @@ TEST(SystemFactsTest, LoginTimesComeFromTheNewestRecordOfTheUser) {
   EXPECT_EQ(logindSessionStart(1000, run.c_str()), 1700000500);
   EXPECT_EQ(logindSessionStart(1002, run.c_str()), std::nullopt);
   fs::remove_all(history.parent_path());
+}
+
+}  // namespace
+
+namespace {
+
+// Each hostile value, put where each parser looks for its fact, reads as
+// unavailable: an empty text, 0.0.0 or nothing.
+TEST(SystemFactsTest, HostileTextsReadAsUnavailable) {
+  const std::string huge(5000, '7');
+  const struct {
+    const char* family;
+    std::string value;
+  } values[] = {
+      {"embedded NUL", std::string("12\0.3", 5)},
+      {"invalid UTF-8", "12\xff\xfe"},
+      {"overlong UTF-8", "1\xc0\xaf" "2"},
+      {"an encoded surrogate", "1\xed\xa0\x80"},
+      {"control characters", "12\x1b[2J"},
+      {"a huge line", huge},
+      {"binary garbage", std::string("\x00\x01\xff\x80\x7f\n\x00", 7)},
+  };
+  for (const auto& [family, value] : values) {
+    const auto version = osVersionFromOSRelease("VERSION_ID=" + value + "\n");
+    EXPECT_EQ(version.major + version.minor + version.patch, 0) << family;
+    EXPECT_EQ(assignedValue("BUILD_ID=\"" + value + "\"\n", "BUILD_ID"), "") << family;
+    EXPECT_EQ(processorBrandFromCPUInfo("model name\t: " + value + "\n"), "") << family;
+    EXPECT_EQ(uuidFromMachineID(value), "") << family;
+    EXPECT_EQ(languageTagFromLocale("de_DE" + value), "") << family;
+    EXPECT_EQ(bootTimeFromStat("cpu 1 2\nbtime " + value + "\n"), std::nullopt) << family;
+  }
+
+  // Lines cut short, and numbers that are not the system's.
+  EXPECT_EQ(assignedValue("BUILD_ID", "BUILD_ID"), "");
+  EXPECT_EQ(processorBrandFromCPUInfo("model name"), "");
+  EXPECT_EQ(uuidFromMachineID("0123456789abcdef0123456789abcde"), "");
+  EXPECT_EQ(osVersionFromOSRelease("VERSION_ID=-5.2").major, 0);
+  EXPECT_EQ(osVersionFromOSRelease("VERSION_ID=99999999999999999999999").major, 0);
+  EXPECT_EQ(osVersionFromOSRelease("VERSION_ID=12.x.3").patch, 3);
+  EXPECT_EQ(bootTimeFromStat("btime"), std::nullopt);
+  EXPECT_EQ(bootTimeFromStat("btime -5\n"), std::nullopt);
+  EXPECT_EQ(bootTimeFromStat("btime 0\n"), std::nullopt);
+  EXPECT_EQ(bootTimeFromStat("btime 1700000000\n"), 1700000000);
+  EXPECT_EQ(bootTimeFromStat(""), std::nullopt);
+
+  // A NUL byte would cut the /proc/sys path short and read another value.
+  for (const std::string& name : {std::string("kernel.ostype\0.x", 16), std::string("kernel/ostype"),
+                                  std::string("kernel..ostype"), std::string(".kernel.ostype"), std::string(300, 'k'),
+                                  std::string("kernel.ostype\n")})
+    EXPECT_EQ(sysctlValue(name, 3), std::nullopt) << name;
+  EXPECT_EQ(sysctlValue("kernel.printk", 2), std::nullopt) << "several numbers are not one";
+}
+
+utmpx loginRecord(const char* user, std::time_t when, short type = USER_PROCESS) {
+  utmpx record{};
+  record.ut_type = type;
+  std::strncpy(record.ut_user, user, sizeof record.ut_user);
+  record.ut_tv.tv_sec = static_cast<decltype(record.ut_tv.tv_sec)>(when);
+  return record;
+}
+
+// Login histories and session records that are cut short, garbage, huge, or
+// not files at all: skipped, never waited on.
+TEST(SystemFactsTest, HostileLoginRecordsAreSkipped) {
+  const fs::path directory = scratch("hostile");
+  fs::create_directories(directory);
+  auto history = [&](const char* name, const std::string& bytes) {
+    std::ofstream(directory / name, std::ios::binary) << bytes;
+    return (directory / name).string();
+  };
+  auto bytesOf = [](const std::vector<utmpx>& records) {
+    return std::string(reinterpret_cast<const char*>(records.data()), records.size() * sizeof(utmpx));
+  };
+  utmpx unterminated = loginRecord("", 9000);
+  std::memset(unterminated.ut_user, 'a', sizeof unterminated.ut_user);
+  std::vector<utmpx> many(20000, loginRecord("bob", 100));
+  many[3] = loginRecord("alice", 500);
+  many[19990] = loginRecord("alice", 700);
+  const std::string whole = bytesOf({loginRecord("alice", 1000)});
+  const struct {
+    const char* name;
+    std::string path;
+    std::optional<std::time_t> expected;
+  } histories[] = {
+      {"empty", history("empty", ""), std::nullopt},
+      {"a record cut short at the end", history("cut", whole + whole.substr(0, 100)), 1000},
+      {"garbage", history("garbage", std::string(1000, '\xff')), std::nullopt},
+      {"a user name filling its field", history("unterminated", bytesOf({unterminated})), std::nullopt},
+      {"the newest of many", history("many", bytesOf(many)), 700},
+      {"a folder", directory.string(), std::nullopt},
+  };
+  for (const auto& test : histories)
+    EXPECT_EQ(lastLoginFromHistory(test.path.c_str(), "alice"), test.expected) << test.name;
+
+  const fs::path run = directory / "run";
+  fs::create_directories(run / "sessions" / "folder");
+  const struct {
+    const char* name;
+    std::string text;
+  } sessions[] = {
+      {"huge", "UID=1000\nREALTIME=1900000000000000\n" + std::string(100 * 1024, '#')},
+      {"nul", std::string("UID=1000\nREALTIME=19\0" "00000000000000\n", 33)},
+      {"negative", "UID=1000\nREALTIME=-1900000000000000\n"},
+      {"overflow", "UID=1000\nREALTIME=99999999999999999999999999\n"},
+      {"words", "UID=1000\nREALTIME=soon\n"},
+      {"cut", "UID=1000\nREALTIME"},
+      {"good", "UID=1000\nREALTIME=1700000000000000\n"},
+  };
+  for (const auto& session : sessions) std::ofstream(run / "sessions" / session.name, std::ios::binary) << session.text;
+  EXPECT_EQ(logindSessionStart(1000, run.c_str()), 1700000000);
+
+  // A pipe in place of a file is never opened for a blocking read.
+  ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((run / "sessions" / "fifo").c_str(), 0600), 0);
+  EXPECT_EXIT(
+      {
+        alarm(20);
+        const bool skipped = !lastLoginFromHistory((directory / "fifo").c_str(), "alice") &&
+                             logindSessionStart(1000, run.c_str()) == 1700000000;
+        std::_Exit(skipped ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+  fs::remove_all(directory.parent_path());
 }
 
 }  // namespace
