@@ -2,6 +2,12 @@
 
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Helpers/Internal/DirectoryReader.h"
+#include "fennick/Helpers/Internal/ExtractedTreeCheck.h"
+#include "fennick/Helpers/Internal/ItemPlacement.h"
+#include "fennick/Helpers/Internal/ToolOutputCollector.h"
+#include "fennick/Helpers/Internal/ToolWatchdog.h"
+#include "fennick/Helpers/Internal/ZIPStreamCheck.h"
 #include "fennick/Helpers/Process+OVRunExtensions.h"
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Dictionary.h"
@@ -15,20 +21,21 @@
 #include "fennick/Runtime/UUID.h"
 
 #include <algorithm>
-#include <array>
-#include <cctype>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <limits>
 #include <set>
 #include <string>
 #include <sys/stat.h>
-#include <thread>
+#include <unistd.h>
 
 namespace fennick {
 
 namespace fs = std::filesystem;
+using detail::ToolWatchdog;
 
 namespace {
 
@@ -41,6 +48,9 @@ constexpr double kFinalStep = 0.1;
 constexpr double kAttachStep = 0.2;
 constexpr double kEntriesShare = 0.6;
 constexpr double kDetachStep = 0.2;
+constexpr std::chrono::milliseconds kDefaultStallTimeout = std::chrono::minutes(1);
+
+std::atomic<std::int64_t> stallTimeoutMilliseconds{kDefaultStallTimeout.count()};
 
 // Sums steps and reports each running total.
 class ProgressAccumulator {
@@ -56,21 +66,38 @@ class ProgressAccumulator {
   double total_ = 0;
 };
 
-std::string temporaryDirectory() {
+fs::path temporaryDirectory() {
   const char* dir = std::getenv("TMPDIR");
-  return dir && *dir ? dir : "/tmp";
+  std::error_code ignored;
+  const fs::path path = dir && *dir ? fs::path(dir) : fs::path("/tmp");
+  return fs::absolute(path, ignored);
 }
 
-std::string freshTemporaryPath(std::string_view prefix = {}) {
-  return (fs::path(temporaryDirectory()) / (std::string(prefix) + UUID::init()->UUIDString())).string();
+// A new folder only the caller can enter, named by a UUID. mkdir fails on any
+// existing item, a planted folder or link included; then another name is drawn.
+std::string makePrivateFolder(std::string_view prefix = {}) {
+  const fs::path parent = temporaryDirectory();
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const std::string path = (parent / (std::string(prefix) + UUID::init()->UUIDString())).string();
+    if (::mkdir(path.c_str(), 0700) == 0) return path;
+    if (errno != EEXIST) return {};
+  }
+  return {};
 }
 
 void setError(Ref<Error>* out, Ref<Error> error) {
   if (out) *out = std::move(error);
 }
 
-void setError(Ref<Error>* out, const std::error_code& code) {
-  if (out) *out = Error::posixError(code.value());
+void setPOSIXError(Ref<Error>* out, int code) {
+  if (out) *out = Error::posixError(code);
+}
+
+void setError(Ref<Error>* out, const std::error_code& code) { setPOSIXError(out, code.value()); }
+
+Ref<Error> unarchiverError(OVUnarchiverError code, const char* description = nullptr) {
+  if (!description) return Error::errorWithDomain_code_userInfo(OVUnarchiverErrorDomain, code);
+  return Error::errorWithDomain_code_description(OVUnarchiverErrorDomain, code, description);
 }
 
 std::string upperCased(std::string text) {
@@ -78,29 +105,6 @@ std::string upperCased(std::string text) {
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return text;
 }
-
-// Drains a tool's standard error on its own thread, so that a tool that writes
-// much there never blocks while we feed it or wait for it.
-class ErrorCollector {
- public:
-  explicit ErrorCollector(Ref<Pipe> pipe) : pipe_(std::move(pipe)) {}
-  ~ErrorCollector() {
-    if (thread_.joinable()) thread_.join();
-  }
-  void start() {
-    thread_ = std::thread([this] { text_ = pipe_->fileHandleForReading()->readDataToEndOfFileAndReturnError(nullptr); });
-  }
-  /// The whole output; call after the tool has exited.
-  std::string take() {
-    if (thread_.joinable()) thread_.join();
-    return text_ ? std::string(text_->stringView()) : std::string();
-  }
-
- private:
-  Ref<Pipe> pipe_;
-  std::thread thread_;
-  Ref<Data> text_;
-};
 
 Ref<Error> toolFailure(const Ref<Process>& tool, const std::string& errorOutput) {
   const auto code = static_cast<std::int64_t>(static_cast<std::int32_t>(tool->terminationStatus()));
@@ -110,46 +114,118 @@ Ref<Error> toolFailure(const Ref<Process>& tool, const std::string& errorOutput)
   return Error::errorWithDomain_code_userInfo(NSOSStatusErrorDomain, code, userInfo);
 }
 
-// Only regular files, folders and symbolic links may come out of an archive:
-// a device node or FIFO made by a tool running as root would be a way out.
-void removeSpecialFiles(const fs::path& root) {
-  std::error_code ignored;
-  std::vector<fs::path> special;
-  for (auto it = fs::recursive_directory_iterator(root, ignored); !ignored && it != fs::recursive_directory_iterator();
-       it.increment(ignored)) {
-    const auto type = it->symlink_status(ignored).type();
-    if (type != fs::file_type::regular && type != fs::file_type::directory && type != fs::file_type::symlink)
-      special.push_back(it->path());
-  }
-  for (const auto& path : special) fs::remove(path, ignored);
+bool exitedCleanly(const Ref<Process>& tool) {
+  return tool->terminationReason() == Process::NSTaskTerminationReasonExit && tool->terminationStatus() == 0;
 }
 
-// Moves an item, copying across file systems as a rename cannot.
-bool moveItem(const fs::path& from, const fs::path& to, std::error_code& error) {
-  fs::rename(from, to, error);
-  if (error != std::errc::cross_device_link) return !error;
-  error.clear();
-  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
-  if (!error) fs::remove_all(from, error);
-  return !error;
+// Why the watchdog ended a tool, as the job reports it.
+Ref<Error> watchdogError(ToolWatchdog::Verdict verdict, OVUnarchiverError stalledCode) {
+  if (verdict == ToolWatchdog::Verdict::WroteTooMuch)
+    return unarchiverError(OVUnarchiverErrorExpansionLimitExceeded, "The archive unpacks to more than is allowed.");
+  return unarchiverError(stalledCode, "The unpacking tool stopped making progress and was ended.");
+}
+
+// bsdtar's -v names every entry on a line of its own, "x NAME", followed on
+// the same line by any complaint about it. A name given twice (in any case)
+// would have one entry silently win over the other.
+bool namesAnEntryTwice(std::string_view listing) {
+  std::set<std::string> names;
+  while (!listing.empty()) {
+    const std::size_t end = listing.find('\n');
+    std::string_view line = listing.substr(0, end);
+    listing = end == std::string_view::npos ? std::string_view() : listing.substr(end + 1);
+    if (line.substr(0, 2) != "x ") continue;
+    line.remove_prefix(2);
+    while (line.size() > 1 && line.back() == '/') line.remove_suffix(1);
+    std::string folded(line);
+    for (char& c : folded)
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (!names.insert(std::move(folded)).second) return true;
+  }
+  return false;
+}
+
+// The tool's complaints without the lines that only name an entry.
+std::string complaintsOf(std::string_view listing) {
+  std::string complaints;
+  while (!listing.empty()) {
+    const std::size_t end = listing.find('\n');
+    const std::string_view line = listing.substr(0, end);
+    listing = end == std::string_view::npos ? std::string_view() : listing.substr(end + 1);
+    if (line.substr(0, 2) == "x " && line.find(": ") == std::string_view::npos) continue;
+    complaints.append(line).append("\n");
+  }
+  return complaints;
+}
+
+// The archive as an open regular file. It is opened without blocking, so
+// that a FIFO or device put in its place is refused instead of waited on.
+struct ArchiveFile {
+  Ref<FileHandle> handle;
+  std::uint64_t size = 0;
+};
+
+bool openArchive(const Ref<URL>& url, ArchiveFile& file, Ref<Error>* error) {
+  const auto path = url->fileSystemRepresentation();
+  if (!path) {
+    setPOSIXError(error, EINVAL);
+    return false;
+  }
+  const int fd = ::open(path->c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) {
+    setPOSIXError(error, errno);
+    return false;
+  }
+  file.handle = FileHandle::initWithFileDescriptor_closeOnDealloc(fd, true);
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    setPOSIXError(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    return false;
+  }
+  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  file.size = static_cast<std::uint64_t>(status.st_size);
+  return true;
 }
 
 Ref<URL> directoryURL(const std::string& path) { return URL::fileURLWithPath_isDirectory(path, true); }
 
-// The volume's stand-in for a mount point: a folder only we can enter, drawn
-// again while the name is taken.
-std::string makeMountPoint() {
-  for (;;) {
-    std::string path = freshTemporaryPath("fennick-volume-");
-    if (::mkdir(path.c_str(), 0700) == 0) return path;
-    if (errno != EEXIST) return {};
+// Gives the checked content of a private work folder its final, public name:
+// a new UUID under the temporary directory.
+std::string publish(const std::string& workFolder, std::error_code& error) {
+  const fs::path parent = temporaryDirectory();
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const std::string path = (parent / UUID::init()->UUIDString()).string();
+    if (::renameat2(AT_FDCWD, workFolder.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) return path;
+    if (errno == EINVAL && ::rename(workFolder.c_str(), path.c_str()) == 0) return path;
+    if (errno != EEXIST && errno != ENOTEMPTY) break;
   }
+  error.assign(errno, std::generic_category());
+  return {};
 }
 
 void detach(const std::string& mountPoint, ProgressAccumulator& progress) {
-  std::error_code ignored;
-  fs::remove_all(mountPoint, ignored);
+  detail::removeItem(mountPoint);
   progress.step(kDetachStep);
+}
+
+// Feeds the archive into the tool's input, reporting the fraction fed after
+// each chunk. The first chunk has been read already (to check the format).
+Ref<Error> feed(const ArchiveFile& file, Ref<Data> chunk, const Ref<FileHandle>& sink,
+                const OVUnarchiver::ProgressHandler& progress) {
+  Ref<Error> error;
+  std::uint64_t written = 0;
+  while (chunk && chunk->length() > 0) {
+    try {
+      sink->writeData(chunk);
+    } catch (const Exception&) {
+      return unarchiverError(OVUnarchiverErrorExtractorFeedFailed);
+    }
+    written += chunk->length();
+    if (progress) progress(static_cast<double>(written) / static_cast<double>(file.size));
+    if (written >= file.size) break;
+    chunk = file.handle->readDataUpToLength_error(kFeedChunkSize, &error);
+  }
+  return error;
 }
 
 }  // namespace
@@ -201,7 +277,8 @@ OVUnarchiverArchiveType OVUnarchiver::_archiveTypeByExtensionAtURL(const Ref<URL
 }
 
 OVUnarchiverArchiveType OVUnarchiver::_archiveTypeByHeaderAtURL(const Ref<URL>& url) {
-  auto handle = FileHandle::fileHandleForReadingFromURL_error(url, nullptr);
+  ArchiveFile file;
+  const Ref<FileHandle> handle = openArchive(url, file, nullptr) ? file.handle : nullptr;
   if (_archiveHasZIPHeader(handle)) return OVUnarchiverArchiveTypeZIP;
   if (_archiveHasDMGHeader(handle)) return OVUnarchiverArchiveTypeDMG;
   return OVUnarchiverArchiveTypeUnknown;
@@ -243,9 +320,7 @@ Ref<URL> OVUnarchiver::_unarchiveURL_progressHandler_error(const Ref<URL>& archi
     case OVUnarchiverArchiveTypeDMG:
       return _unarchiveDMG_progressHandler_error(archive, progress, error);
     case OVUnarchiverArchiveTypeUnknown:
-      if (error)
-        *error = Error::errorWithDomain_code_description(OVUnarchiverErrorDomain, OVUnarchiverErrorUnknownArchiveType,
-                                                         "Unknown archive type.");
+      if (error) *error = unarchiverError(OVUnarchiverErrorUnknownArchiveType, "Unknown archive type.");
       return nullptr;
   }
   OVAssertUnreachable();
@@ -253,126 +328,131 @@ Ref<URL> OVUnarchiver::_unarchiveURL_progressHandler_error(const Ref<URL>& archi
 
 Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archive, const ProgressHandler& progress,
                                                            Ref<Error>* error) {
-  std::error_code code;
-  const auto fileSize = fs::file_size(archive->path(), code);
-  if (code) {
-    setError(error, code);
+  ArchiveFile file;
+  if (!openArchive(archive, file, error)) return nullptr;
+  // The tool writes into a folder inside a private one: an archive's "./"
+  // entry may open up the folder the tool writes into, never its parent.
+  const std::string privateFolder = makePrivateFolder();
+  if (privateFolder.empty()) {
+    setPOSIXError(error, errno);
     return nullptr;
   }
-  const std::string output = freshTemporaryPath();
-  // bsdtar creates the output folder only with -C's parent existing; make it
-  // ourselves so that an empty archive still yields a folder.
-  fs::create_directories(output, code);
-  if (code) {
-    setError(error, code);
+  const std::string work = privateFolder + "/content";
+  auto fail = [&](Ref<Error> failure) -> Ref<URL> {
+    detail::removeItem(privateFolder);
+    setError(error, std::move(failure));
     return nullptr;
-  }
+  };
+  if (::mkdir(work.c_str(), 0700) != 0) return fail(Error::posixError(errno));
 
+  Ref<Error> readError;
+  Ref<Data> firstChunk = file.handle->readDataUpToLength_error(kFeedChunkSize, &readError);
+  if (!firstChunk) return fail(readError);
+  if (!detail::isZIPStream(firstChunk->stringView()))
+    return fail(unarchiverError(OVUnarchiverErrorUnknownArchiveType, "Unknown archive type."));
+
+  auto input = Pipe::pipe(), errors = Pipe::pipe();
+  if (!input || !errors) return fail(unarchiverError(OVUnarchiverErrorExtractorLaunchFailed));
   auto tool = Process::init();
   tool->setLaunchPath(kZIPTool);
-  // Refuse absolute and ".." paths and writing through links (bsdtar's
-  // defaults without -P), and never take owners, ACLs or flags from the archive.
-  tool->setArguments({"-x", "--no-same-owner", "--no-acls", "--no-xattrs", "--no-fflags", "-f", "-", "-C", output});
-  auto input = Pipe::pipe(), errors = Pipe::pipe();
+  // -k keeps the first of two entries of one name, -v lists every entry (to
+  // find such twins), and the substitution turns an absolute name into one
+  // that starts with "..", which bsdtar refuses instead of quietly
+  // extracting it under the folder. No owner, permission, ACL, attribute or
+  // flag comes from the archive.
+  tool->setArguments({"-x", "-v", "-k", "--no-same-owner", "--no-same-permissions", "--no-acls", "--no-xattrs",
+                      "--no-fflags", "-s", ",^/,../,S", "-f", "-", "-C", work});
   tool->setStandardInput(input);
   tool->setStandardError(errors);
-  if (!safeLaunch(tool)) {
-    setError(error, Error::errorWithDomain_code_userInfo(OVUnarchiverErrorDomain, OVUnarchiverErrorExtractorLaunchFailed));
-    return nullptr;
-  }
-  ErrorCollector errorOutput(errors);
+  if (!safeLaunch(tool)) return fail(unarchiverError(OVUnarchiverErrorExtractorLaunchFailed));
+  ToolWatchdog watchdog(tool, _maximumExtractedBytesForArchiveSize(file.size), _toolStallTimeout());
+  detail::ToolOutputCollector errorOutput(errors);
   errorOutput.start();
 
-  Ref<Error> feedError;
-  auto source = FileHandle::fileHandleForReadingFromURL_error(archive, &feedError);
-  if (source) {
-    std::uint64_t written = 0;
-    const auto& sink = input->fileHandleForWriting();
-    while (written < fileSize) {
-      auto chunk = source->readDataUpToLength_error(kFeedChunkSize, &feedError);
-      if (!chunk || chunk->length() == 0) break;
-      try {
-        sink->writeData(chunk);
-      } catch (const Exception&) {
-        feedError = Error::errorWithDomain_code_userInfo(OVUnarchiverErrorDomain, OVUnarchiverErrorExtractorFeedFailed);
-        break;
-      }
-      written += chunk->length();
-      if (progress) progress(static_cast<double>(written) / static_cast<double>(fileSize));
-    }
-  }
+  Ref<Error> feedError = feed(file, firstChunk, input->fileHandleForWriting(), progress);
   input->fileHandleForWriting()->closeFile();
-  if (!safeWaitUntilExit(tool)) {
-    setError(error, Error::errorWithDomain_code_userInfo(OVUnarchiverErrorDomain, OVUnarchiverErrorExtractorFeedFailed));
-    return nullptr;
-  }
-  // Clean up even after a failure: a rejected archive may have left some of
-  // its entries behind.
-  removeSpecialFiles(output);
-  const std::string errorText = errorOutput.take();
-  if (tool->terminationStatus() != 0 || tool->terminationReason() != Process::NSTaskTerminationReasonExit) {
-    setError(error, toolFailure(tool, errorText));
-    return nullptr;
-  }
+  if (!safeWaitUntilExit(tool)) return fail(unarchiverError(OVUnarchiverErrorExtractorFeedFailed));
+  const ToolWatchdog::Verdict verdict = watchdog.finish();
+  const std::string listing = errorOutput.take();
+  if (verdict != ToolWatchdog::Verdict::Ran)
+    return fail(watchdogError(verdict, OVUnarchiverErrorExtractorFeedFailed));
+  if (!exitedCleanly(tool)) return fail(toolFailure(tool, complaintsOf(listing)));
+  if (namesAnEntryTwice(listing))
+    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive names one item twice."));
+  if (const auto problem = detail::checkExtractedTree(work); problem != detail::TreeProblem::None)
+    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, detail::describeTreeProblem(problem)));
+
+  std::error_code code;
+  const std::string output = publish(work, code);
+  if (output.empty()) return fail(Error::posixError(code.value()));
+  detail::removeItem(privateFolder);
   if (feedError) setError(error, feedError);
   return directoryURL(output);
 }
 
 Ref<URL> OVUnarchiver::_unarchiveDMG_progressHandler_error(const Ref<URL>& archive, const ProgressHandler& handler,
                                                            Ref<Error>* error) {
-  const std::string mountPoint = makeMountPoint();
+  const std::string mountPoint = makePrivateFolder("fennick-volume-");
   ProgressAccumulator progress(handler);
+  auto fail = [&](Ref<Error> failure) -> Ref<URL> {
+    if (!mountPoint.empty()) detail::removeItem(mountPoint);
+    setError(error, std::move(failure));
+    return nullptr;
+  };
+  ArchiveFile file;
+  Ref<Error> openError;
+  if (!openArchive(archive, file, &openError)) return fail(openError);
 
+  auto errors = Pipe::pipe();
+  auto output = FileHandle::fileHandleWithNullDevice();
+  if (mountPoint.empty() || !errors || !output) return fail(unarchiverError(OVUnarchiverErrorImageAttachFailed));
   auto tool = Process::init();
   tool->setLaunchPath(kImageTool);
   // 7-Zip refuses absolute and ".." paths and links that point out of the
-  // output folder unless told otherwise (-snld), which we never do.
-  tool->setArguments({"x", "-y", "-bd", "-o" + mountPoint, "--", archive->path()});
-  auto errors = Pipe::pipe();
-  tool->setStandardOutput(FileHandle::fileHandleWithNullDevice());
+  // output folder unless told otherwise (-snld), which we never do. It reads
+  // the image we opened, through its standard input.
+  tool->setArguments({"x", "-y", "-bd", "-o" + mountPoint, "--", "/dev/stdin"});
+  tool->setStandardInput(file.handle);
+  tool->setStandardOutput(output);
   tool->setStandardError(errors);
-  ErrorCollector errorOutput(errors);
-  const bool attached = !mountPoint.empty() && safeLaunch(tool);
-  if (attached) errorOutput.start();
-  if (!attached || !safeWaitUntilExit(tool)) {
-    std::error_code ignored;
-    if (!mountPoint.empty()) fs::remove(mountPoint, ignored);
-    setError(error, Error::errorWithDomain_code_userInfo(OVUnarchiverErrorDomain, OVUnarchiverErrorImageAttachFailed));
-    return nullptr;
-  }
-  progress.step(kAttachStep);
+  if (!safeLaunch(tool)) return fail(unarchiverError(OVUnarchiverErrorImageAttachFailed));
+  ToolWatchdog watchdog(tool, _maximumExtractedBytesForArchiveSize(file.size), _toolStallTimeout());
+  detail::ToolOutputCollector errorOutput(errors);
+  errorOutput.start();
+  if (!safeWaitUntilExit(tool)) return fail(unarchiverError(OVUnarchiverErrorImageAttachFailed));
+  const ToolWatchdog::Verdict verdict = watchdog.finish();
   const std::string errorText = errorOutput.take();
-  if (tool->terminationStatus() != 0 || tool->terminationReason() != Process::NSTaskTerminationReasonExit) {
-    // A failed extraction leaves a partial folder; unlike a failed attach, it
-    // is ours to remove.
-    std::error_code ignored;
-    fs::remove_all(mountPoint, ignored);
-    setError(error, toolFailure(tool, errorText));
-    return nullptr;
-  }
-  removeSpecialFiles(mountPoint);
+  if (verdict != ToolWatchdog::Verdict::Ran) return fail(watchdogError(verdict, OVUnarchiverErrorImageAttachFailed));
+  progress.step(kAttachStep);
+  // A failed extraction leaves a partial folder; unlike a failed attach, it
+  // is ours to remove.
+  if (!exitedCleanly(tool)) return fail(toolFailure(tool, errorText));
+  // 7-Zip makes an absolute link target relative to its output folder; the
+  // check restores the target the image records.
+  if (const auto problem = detail::checkExtractedTree(mountPoint, mountPoint); problem != detail::TreeProblem::None)
+    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, detail::describeTreeProblem(problem)));
 
-  std::error_code code;
-  std::vector<fs::path> entries;
-  for (auto it = fs::directory_iterator(mountPoint, code); !code && it != fs::directory_iterator(); it.increment(code))
-    entries.push_back(it->path());
-  if (code) {
+  std::vector<std::string> entries;
+  detail::DirectoryReader volume(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  while (auto name = volume.next()) entries.push_back(std::move(*name));
+  if (volume.failed()) {
+    const int code = errno ? errno : EIO;
     detach(mountPoint, progress);
-    setError(error, code);
+    setPOSIXError(error, code);
     return nullptr;
   }
 
-  const std::string output = freshTemporaryPath();
-  fs::create_directories(output, code);
-  if (code) {
-    setError(error, code);  // the volume stays in place on this path
+  const std::string folder = makePrivateFolder();
+  if (folder.empty()) {
+    setPOSIXError(error, errno);  // the volume stays in place on this path
     return nullptr;
   }
+  std::error_code code;
   const double entryStep = kEntriesShare / static_cast<double>(entries.size());
   for (const auto& entry : entries) {
-    if (!_shouldIgnoreItemAtURL(URL::fileURLWithPath(entry.string()))) {
-      fs::copy(entry, fs::path(output) / entry.filename(),
-               fs::copy_options::recursive | fs::copy_options::copy_symlinks, code);
+    const std::string path = mountPoint + "/" + entry;
+    if (!_shouldIgnoreItemAtURL(URL::fileURLWithPath(path))) {
+      code = detail::placeItem(path, folder, entry);
       if (code) break;
     }
     progress.step(entryStep);
@@ -382,12 +462,26 @@ Ref<URL> OVUnarchiver::_unarchiveDMG_progressHandler_error(const Ref<URL>& archi
     setError(error, code);
     return nullptr;
   }
-  return directoryURL(output);
+  return directoryURL(folder);
 }
 
 bool OVUnarchiver::_shouldIgnoreItemAtURL(const Ref<URL>& url) {
   static const std::set<std::string> ignored{".DS_STORE", ".TRASHES"};
   return ignored.count(upperCased(url->lastPathComponent())) != 0;
+}
+
+std::uint64_t OVUnarchiver::_maximumExtractedBytesForArchiveSize(std::uint64_t archiveBytes) {
+  constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+  if (archiveBytes > (most - OVUnarchiverExtractedBytesFloor) / OVUnarchiverExtractedBytesPerArchiveByte) return most;
+  return OVUnarchiverExtractedBytesFloor + archiveBytes * OVUnarchiverExtractedBytesPerArchiveByte;
+}
+
+std::chrono::milliseconds OVUnarchiver::_toolStallTimeout() {
+  return std::chrono::milliseconds(stallTimeoutMilliseconds.load(std::memory_order_relaxed));
+}
+
+void OVUnarchiver::_setToolStallTimeout(std::chrono::milliseconds timeout) {
+  stallTimeoutMilliseconds.store(timeout.count(), std::memory_order_relaxed);
 }
 
 bool OVUnarchiver::_moveContentAtURL_toURL_error(const Ref<URL>& source, const Ref<URL>& destination,
@@ -412,10 +506,8 @@ bool OVUnarchiver::_moveContentAtURL_toURL_error(const Ref<URL>& source, const R
   bool moved = false;
   for (const auto& entry : entries) {
     if (_shouldIgnoreItemAtURL(URL::fileURLWithPath(entry.string()))) continue;
-    const fs::path target = fs::path(destination->path()) / entry.filename();
-    std::error_code ignored;
-    fs::remove_all(target, ignored);
-    moved = moveItem(entry, target, code);
+    code = detail::placeItem(entry.string(), destination->path(), entry.filename().string());
+    moved = !code;
     if (!moved) {
       setError(error, code);
       return false;
