@@ -125,6 +125,14 @@ Ref<Error> watchdogError(ToolWatchdog::Verdict verdict, OVUnarchiverError stalle
   return unarchiverError(stalledCode, "The unpacking tool stopped making progress and was ended.");
 }
 
+// The watchdog may miss a tool that writes past the limit between two looks
+// and exits; counting what it left catches that.
+Ref<Error> treeError(detail::TreeProblem problem) {
+  const auto code = problem == detail::TreeProblem::TooLarge ? OVUnarchiverErrorExpansionLimitExceeded
+                                                             : OVUnarchiverErrorUnsafeContent;
+  return unarchiverError(code, detail::describeTreeProblem(problem));
+}
+
 // bsdtar's -v names every entry on a line of its own, "x NAME", followed on
 // the same line by any complaint about it. A name given twice (in any case)
 // would have one entry silently win over the other.
@@ -185,6 +193,21 @@ bool openArchive(const Ref<URL>& url, ArchiveFile& file, Ref<Error>* error) {
   ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
   file.size = static_cast<std::uint64_t>(status.st_size);
   return true;
+}
+
+// Read with pread, so that the feed's position stays where it is.
+bool hasEndRecord(const ArchiveFile& file) {
+  const std::size_t length = static_cast<std::size_t>(std::min<std::uint64_t>(file.size, detail::kZIPEndRecordProbeLength));
+  std::string tail(length, '\0');
+  std::size_t done = 0;
+  while (done < length) {
+    const ssize_t got = ::pread(file.handle->fileDescriptor(), tail.data() + done, length - done,
+                                static_cast<off_t>(file.size - length + done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    done += static_cast<std::size_t>(got);
+  }
+  return detail::endsWithEndRecord(tail);
 }
 
 Ref<URL> directoryURL(const std::string& path) { return URL::fileURLWithPath_isDirectory(path, true); }
@@ -365,7 +388,8 @@ Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archi
   tool->setStandardInput(input);
   tool->setStandardError(errors);
   if (!safeLaunch(tool)) return fail(unarchiverError(OVUnarchiverErrorExtractorLaunchFailed));
-  ToolWatchdog watchdog(tool, _maximumExtractedBytesForArchiveSize(file.size), _toolStallTimeout());
+  const std::uint64_t limit = _maximumExtractedBytesForArchiveSize(file.size);
+  ToolWatchdog watchdog(tool, limit, _toolStallTimeout());
   detail::ToolOutputCollector errorOutput(errors);
   errorOutput.start();
 
@@ -377,10 +401,12 @@ Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archi
   if (verdict != ToolWatchdog::Verdict::Ran)
     return fail(watchdogError(verdict, OVUnarchiverErrorExtractorFeedFailed));
   if (!exitedCleanly(tool)) return fail(toolFailure(tool, complaintsOf(listing)));
+  if (!hasEndRecord(file))
+    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive is cut short: its end record is missing."));
   if (namesAnEntryTwice(listing))
     return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive names one item twice."));
-  if (const auto problem = detail::checkExtractedTree(work); problem != detail::TreeProblem::None)
-    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, detail::describeTreeProblem(problem)));
+  if (const auto problem = detail::checkExtractedTree(work, limit); problem != detail::TreeProblem::None)
+    return fail(treeError(problem));
 
   std::error_code code;
   const std::string output = publish(work, code);
@@ -416,7 +442,8 @@ Ref<URL> OVUnarchiver::_unarchiveDMG_progressHandler_error(const Ref<URL>& archi
   tool->setStandardOutput(output);
   tool->setStandardError(errors);
   if (!safeLaunch(tool)) return fail(unarchiverError(OVUnarchiverErrorImageAttachFailed));
-  ToolWatchdog watchdog(tool, _maximumExtractedBytesForArchiveSize(file.size), _toolStallTimeout());
+  const std::uint64_t limit = _maximumExtractedBytesForArchiveSize(file.size);
+  ToolWatchdog watchdog(tool, limit, _toolStallTimeout());
   detail::ToolOutputCollector errorOutput(errors);
   errorOutput.start();
   if (!safeWaitUntilExit(tool)) return fail(unarchiverError(OVUnarchiverErrorImageAttachFailed));
@@ -429,8 +456,9 @@ Ref<URL> OVUnarchiver::_unarchiveDMG_progressHandler_error(const Ref<URL>& archi
   if (!exitedCleanly(tool)) return fail(toolFailure(tool, errorText));
   // 7-Zip makes an absolute link target relative to its output folder; the
   // check restores the target the image records.
-  if (const auto problem = detail::checkExtractedTree(mountPoint, mountPoint); problem != detail::TreeProblem::None)
-    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, detail::describeTreeProblem(problem)));
+  if (const auto problem = detail::checkExtractedTree(mountPoint, limit, mountPoint);
+      problem != detail::TreeProblem::None)
+    return fail(treeError(problem));
 
   std::vector<std::string> entries;
   detail::DirectoryReader volume(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -29,7 +29,8 @@ bool neutraliseMode(int folder, const char* name, mode_t mode) {
 
 class TreeWalker {
  public:
-  explicit TreeWalker(const std::string& absoluteLinkPrefix) : prefix_(absoluteLinkPrefix) {}
+  TreeWalker(std::uint64_t maximumBytes, const std::string& absoluteLinkPrefix)
+      : remainingBytes_(maximumBytes), prefix_(absoluteLinkPrefix) {}
 
   /// Walks the folder whose descriptor it takes over.
   TreeProblem walk(int descriptor, std::size_t depth) {
@@ -53,6 +54,8 @@ class TreeWalker {
         return checkLink(folder, name, depth);
       case S_IFREG:
         if (status.st_nlink > 1) return TreeProblem::SharedFile;
+        if (static_cast<std::uint64_t>(status.st_size) > remainingBytes_) return TreeProblem::TooLarge;
+        remainingBytes_ -= static_cast<std::uint64_t>(status.st_size);
         return neutraliseMode(folder, name.c_str(), status.st_mode) ? TreeProblem::None : TreeProblem::Unreadable;
       case S_IFDIR: {
         if (depth + 1 >= kMaximumTreeDepth) return TreeProblem::TooDeep;
@@ -85,6 +88,7 @@ class TreeWalker {
     return target.size() == prefix_.size() || target[prefix_.size()] == '/';
   }
 
+  std::uint64_t remainingBytes_;
   const std::string& prefix_;
 };
 
@@ -107,7 +111,8 @@ bool relativeLinkTargetStaysInside(std::string_view target, std::size_t depth) {
   return true;
 }
 
-TreeProblem checkExtractedTree(const std::string& root, const std::string& absoluteLinkPrefix) {
+TreeProblem checkExtractedTree(const std::string& root, std::uint64_t maximumBytes,
+                               const std::string& absoluteLinkPrefix) {
   const int folder = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (folder < 0) return TreeProblem::Unreadable;
   struct stat status {};
@@ -117,7 +122,7 @@ TreeProblem checkExtractedTree(const std::string& root, const std::string& absol
     ::close(folder);
     return TreeProblem::Unreadable;
   }
-  return TreeWalker(absoluteLinkPrefix).walk(folder, 0);
+  return TreeWalker(maximumBytes, absoluteLinkPrefix).walk(folder, 0);
 }
 
 const char* describeTreeProblem(TreeProblem problem) {
@@ -134,6 +139,8 @@ const char* describeTreeProblem(TreeProblem problem) {
       return "The archive holds two names that differ only in case.";
     case TreeProblem::TooDeep:
       return "The archive's folders are nested too deeply.";
+    case TreeProblem::TooLarge:
+      return "The archive unpacks to more than is allowed.";
     case TreeProblem::Unreadable:
       return "The unpacked content could not be checked.";
   }

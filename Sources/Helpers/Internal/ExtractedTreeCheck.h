@@ -13,6 +13,7 @@
 // folder (on a case-insensitive volume one would replace the other); and it
 // takes away set-user-ID, set-group-ID and world-write bits.
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,7 @@ enum class TreeProblem {
   EscapingLink,    // a relative link whose target climbs out of the tree
   CaseCollision,   // two names in one folder that differ only in case
   TooDeep,         // folders nested past kMaximumTreeDepth
+  TooLarge,        // regular files of more bytes in all than allowed
   Unreadable,      // a folder that could not be read, or a change that failed
 };
 
@@ -32,11 +34,13 @@ enum class TreeProblem {
 /// and every level costs a descriptor while the tree is walked or copied.
 inline constexpr std::size_t kMaximumTreeDepth = 256;
 
-/// Checks and neutralises the tree under `root` (a folder). When
+/// Checks and neutralises the tree under `root` (a folder), whose regular
+/// files may hold `maximumBytes` in all. When
 /// `absoluteLinkPrefix` is not empty, links whose target begins with it are
 /// links the tool rewrote from an absolute target: they are made again with
 /// the target the archive recorded (the prefix taken away, "/" kept).
-TreeProblem checkExtractedTree(const std::string& root, const std::string& absoluteLinkPrefix = {});
+TreeProblem checkExtractedTree(const std::string& root, std::uint64_t maximumBytes,
+                               const std::string& absoluteLinkPrefix = {});
 
 /// A sentence for the problem, naming no entry of the archive.
 const char* describeTreeProblem(TreeProblem problem);

@@ -55,6 +55,19 @@ bool isTarHeaderBlock(std::string_view block) {
   return stored == unsignedSum || stored == signedSum;
 }
 
+bool endsWithEndRecord(std::string_view tail) {
+  constexpr std::size_t kRecordLength = 22;
+  constexpr std::string_view kSignature("PK\x05\x06", 4);
+  if (tail.size() < kRecordLength) return false;
+  for (std::size_t at = tail.size() - kRecordLength;; --at) {
+    if (tail.compare(at, kSignature.size(), kSignature) == 0) {
+      const auto low = static_cast<unsigned char>(tail[at + 20]), high = static_cast<unsigned char>(tail[at + 21]);
+      if (at + kRecordLength + (low | (high << 8)) == tail.size()) return true;
+    }
+    if (at == 0) return false;
+  }
+}
+
 bool isZIPStream(std::string_view start) {
   if (start.size() > kZIPStreamProbeLength) start = start.substr(0, kZIPStreamProbeLength);
   return hasZIPSignature(start) && !isTarHeaderBlock(start) && !hasISOVolumeDescriptor(start);

@@ -23,6 +23,16 @@ inline constexpr std::size_t kZIPStreamProbeLength = 32'768 + 8 * 2'048;
 /// of them are read) begins a ZIP archive that no other reader would claim.
 bool isZIPStream(std::string_view start);
 
+/// How many of the stream's last bytes endsWithEndRecord needs: the end
+/// record and the longest comment it may carry.
+inline constexpr std::size_t kZIPEndRecordProbeLength = 22 + 65'535;
+
+/// Whether `tail` (the stream's last bytes, up to kZIPEndRecordProbeLength)
+/// ends with an end-of-central-directory record. bsdtar reads a stream's
+/// entries one after another and never needs that record, so an archive cut
+/// short anywhere after its last entry's data would unpack without a word.
+bool endsWithEndRecord(std::string_view tail);
+
 /// Whether the 512-byte block passes the tar header checksum (unsigned or
 /// signed byte sums), the test tar readers bid on.
 bool isTarHeaderBlock(std::string_view block);
