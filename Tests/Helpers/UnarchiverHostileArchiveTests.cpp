@@ -6,9 +6,6 @@
 #include "Platform/ChildTestRun.h"
 #include "UnarchiverTestSandbox.h"
 
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-
 using namespace fennick;
 using namespace fennick::unarchivertest;
 
@@ -24,47 +21,11 @@ struct HostileCase {
 void sh(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 std::string quoted(const fs::path& path) { return "'" + path.string() + "'"; }
 
-// A UDIF image of an ISO 9660 (Rock Ridge) volume made from `volume`.
-void imageOf(const fs::path& volume, const fs::path& image) {
-  const fs::path iso = image.string() + ".iso";
-  sh("genisoimage -quiet -R -o " + quoted(iso) + " " + quoted(volume));
-  sh("python3 '" FENNICK_TEST_SOURCE_DIR "/Helpers/archive_fixtures.py' udif " + quoted(iso) + " " + quoted(image));
-  fs::remove(iso);
-  fs::remove_all(volume);
-}
-
 // Every hostile archive of the table, built once by the outer test (as root:
 // device nodes in images need it) and read by both runs.
 void buildFixtures(const fs::path& folder, const fs::path& outside) {
   sh("umask 022 && python3 '" FENNICK_TEST_SOURCE_DIR "/Helpers/archive_fixtures.py' hostile-set " +
      quoted(folder) + " " + quoted(outside));
-
-  const fs::path escaping = folder / "volume";
-  fs::create_directories(escaping);
-  fs::create_symlink("../../../etc", escaping / "up");
-  imageOf(escaping, folder / "image-escaping-link.dmg");
-
-  writeFile(folder / "volume" / "Case", "one");
-  writeFile(folder / "volume" / "case", "two");
-  imageOf(folder / "volume", folder / "image-case.dmg");
-
-  writeFile(folder / "volume" / "suid", "x");
-  fs::permissions(folder / "volume" / "suid", fs::perms(04777));
-  writeFile(folder / "volume" / "open" / "file", "x");
-  fs::permissions(folder / "volume" / "open" / "file", fs::perms(0666));
-  fs::permissions(folder / "volume" / "open", fs::perms(0777));
-  ASSERT_EQ(::mkfifo((folder / "volume" / "pipe").c_str(), 0666), 0);
-  if (::geteuid() == 0) {
-    ASSERT_EQ(::mknod((folder / "volume" / "mem").c_str(), S_IFCHR | 0666, makedev(1, 1)), 0);
-  }
-  imageOf(folder / "volume", folder / "image-modes.dmg");
-
-  const std::string whole = readFile(folder / "image-modes.dmg");
-  writeFile(folder / "image-truncated.dmg", whole.substr(0, whole.size() / 2));
-
-  ASSERT_EQ(::mkfifo((folder / "pipe.zip").c_str(), 0644), 0);
-  ASSERT_EQ(::mkfifo((folder / "pipe.dmg").c_str(), 0644), 0);
-  ASSERT_EQ(::mkfifo((folder / "pipe.bin").c_str(), 0644), 0);
 }
 
 const HostileCase kHostileCases[] = {
@@ -197,7 +158,8 @@ TEST(UnarchiverDiskImages, LinksKeepTheTargetsTheImageRecords) {
   fs::create_symlink("A", volume / "Demo.app" / "Versions" / "Current");
   fs::create_symlink("Versions/Current/Demo", volume / "Demo.app" / "Demo");
   fs::create_symlink("/Applications", volume / "Applications");
-  imageOf(volume, sandbox.root() / "links.dmg");
+  sh("python3 '" FENNICK_TEST_SOURCE_DIR "/Helpers/archive_fixtures.py' volume-image " + quoted(volume) + " " +
+     quoted(sandbox.root() / "links.dmg"));
 
   const Outcome outcome = unpack(sandbox.root() / "links.dmg", sandbox.destination());
   ASSERT_TRUE(outcome.completed);

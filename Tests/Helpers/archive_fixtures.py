@@ -2,11 +2,15 @@
 
   udif PARTITION OUTPUT   wraps a raw partition image in a UDIF disk image
                           (data fork, block table in an XML plist, "koly" trailer)
+  volume-image FOLDER OUTPUT
+                          a UDIF image of an ISO 9660 volume with the
+                          folder's content (the folder is removed)
   hostile-zip OUTPUT      a ZIP whose entries try to write outside its folder
   hostile-set FOLDER OUTSIDE
-                          every hostile archive of the unpacker's table, into
-                          FOLDER; OUTSIDE is the absolute path of a folder the
-                          archives aim at from outside their own
+                          every hostile archive and disk image of the
+                          unpacker's table, into FOLDER; OUTSIDE is the
+                          absolute path of a folder the archives aim at from
+                          outside their own (device nodes need root)
 """
 import io
 import os
@@ -145,6 +149,47 @@ def polyglot_iso(folder: str, outside: str) -> None:
     os.rmdir(content)
 
 
+def image_of(volume: str, image: str) -> None:
+    """A UDIF image of an ISO 9660 (Rock Ridge) volume made from the folder."""
+    iso = image + ".iso"
+    subprocess.run(["genisoimage", "-quiet", "-R", "-o", iso, volume], check=True)
+    with open(iso, "rb") as f:
+        data = udif(f.read())
+    with open(image, "wb") as f:
+        f.write(data)
+    os.remove(iso)
+    subprocess.run(["rm", "-rf", volume], check=True)
+
+
+def hostile_images(folder: str) -> None:
+    volume = os.path.join(folder, "volume")
+    os.makedirs(volume)
+    os.symlink("../../../etc", os.path.join(volume, "up"))
+    image_of(volume, os.path.join(folder, "image-escaping-link.dmg"))
+
+    os.makedirs(volume)
+    for name, content in (("Case", "one"), ("case", "two")):
+        with open(os.path.join(volume, name), "w") as f:
+            f.write(content)
+    image_of(volume, os.path.join(folder, "image-case.dmg"))
+
+    os.makedirs(os.path.join(volume, "open"))
+    for name, mode in (("suid", 0o4777), ("open/file", 0o666)):
+        with open(os.path.join(volume, name), "w") as f:
+            f.write("x")
+        os.chmod(os.path.join(volume, name), mode)
+    os.chmod(os.path.join(volume, "open"), 0o777)
+    os.mkfifo(os.path.join(volume, "pipe"), 0o666)
+    if os.geteuid() == 0:
+        os.mknod(os.path.join(volume, "mem"), 0o666 | 0o020000, os.makedev(1, 1))
+    image_of(volume, os.path.join(folder, "image-modes.dmg"))
+
+    with open(os.path.join(folder, "image-modes.dmg"), "rb") as f:
+        whole = f.read()
+    with open(os.path.join(folder, "image-truncated.dmg"), "wb") as f:
+        f.write(whole[: len(whole) // 2])
+
+
 def hostile_set(folder: str, outside: str) -> None:
     os.makedirs(folder, exist_ok=True)
     out = lambda name: os.path.join(folder, name)
@@ -183,6 +228,9 @@ def hostile_set(folder: str, outside: str) -> None:
             f.write(b"PK\x05\x06" + bytes(18))
     write_zip(out("modes.zip"), [("suid", 0o104777, "x"), ("sgid", 0o102777, "x"), ("open/", 0o040777, ""),
                                  ("open/file", 0o100666, "x")])
+    hostile_images(folder)
+    for name in ("pipe.zip", "pipe.dmg", "pipe.bin"):
+        os.mkfifo(out(name), 0o644)
 
 
 if __name__ == "__main__":
@@ -193,6 +241,8 @@ if __name__ == "__main__":
             f.write(image)
     elif sys.argv[1] == "hostile-zip":
         hostile_zip(sys.argv[2])
+    elif sys.argv[1] == "volume-image":
+        image_of(sys.argv[2], sys.argv[3])
     elif sys.argv[1] == "hostile-set":
         hostile_set(sys.argv[2], sys.argv[3])
     else:
