@@ -49,7 +49,21 @@ std::size_t openDescriptorCount() {
   return count - 1;  // the iterator's own
 }
 
-// A Process releases its pidfd shortly after the job has seen it exit.
+bool holdsPidfd() {
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    if (fs::read_symlink(entry.path(), ignored).string() == "anon_inode:[pidfd]") return true;
+  }
+  return false;
+}
+
+// A Process releases its pidfd shortly after the job has seen it exit, so
+// counts are taken once the last job's tools are all let go of.
+std::size_t settledDescriptorCount() {
+  EXPECT_TRUE(fennick::testing::eventually([] { return !holdsPidfd(); }));
+  return openDescriptorCount();
+}
+
 void expectDescriptorsBackTo(std::size_t count) {
   EXPECT_TRUE(fennick::testing::eventually([&] { return openDescriptorCount() == count; }))
       << openDescriptorCount() << " descriptors open, " << count << " before";
@@ -99,7 +113,7 @@ TEST(UnarchiverExhaustion, InsideOutOfDescriptors) {
     bool succeeded = false;
     for (rlim_t extra = 0; extra <= 16 && !succeeded; ++extra) {
       SCOPED_TRACE(extra);
-      const std::size_t before = openDescriptorCount();
+      const std::size_t before = settledDescriptorCount();
       setDescriptorLimit(before + extra);
       const Outcome outcome = unpack(sandbox.root() / archive, sandbox.destination());
       setDescriptorLimit(saved.rlim_cur);
@@ -223,7 +237,7 @@ TEST(UnarchiverTools, AToolThatHangsOrDiesEndsTheJobWithAnError) {
   };
   for (const ToolTrouble& trouble : troubles) {
     SCOPED_TRACE(trouble.what);
-    const std::size_t before = openDescriptorCount();
+    const std::size_t before = settledDescriptorCount();
     std::vector<pid_t> hit;
     const Outcome outcome = unpack(sandbox.root() / "app.zip", sandbox.destination(), [&](double progress) {
       if (!hit.empty() || progress < trouble.atProgress - 1e-9) return;
