@@ -37,7 +37,7 @@
 // - Before anything leaves that folder it is looked over without following
 //   links: a device node, FIFO, socket, hard link, a symbolic link whose
 //   relative target climbs out of the unpacked tree, two names that differ
-//   only in case (or one name given twice), or folders nested past 256
+//   only in case (or one name given twice), or folders nested past 128
 //   levels fail the job with OVUnarchiverErrorUnsafeContent and the folder is
 //   removed; set-user-ID, set-group-ID and world-write bits are taken away.
 //   Absolute link targets are kept as the archive records them (a disk

@@ -16,6 +16,7 @@ enum class Expect { ToolFailure, UnknownType, UnsafeContent, TooLarge, AnyError,
 struct HostileCase {
   const char* archive;
   Expect expect;
+  bool dependsOnPrivilege = false;  // run again as nobody
 };
 
 void sh(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
@@ -30,26 +31,26 @@ void buildFixtures(const fs::path& folder, const fs::path& outside) {
 
 const HostileCase kHostileCases[] = {
     // Entries that aim outside: bsdtar refuses them and fails.
-    {"dotdot.zip", Expect::ToolFailure},
-    {"absolute.zip", Expect::ToolFailure},
-    {"link-through.zip", Expect::ToolFailure},
-    {"relative-link-through.zip", Expect::ToolFailure},
+    {"dotdot.zip", Expect::ToolFailure, true},
+    {"absolute.zip", Expect::ToolFailure, true},
+    {"link-through.zip", Expect::ToolFailure, true},
+    {"relative-link-through.zip", Expect::ToolFailure, true},
     {"declared-size.zip", Expect::ToolFailure},
     // What bsdtar makes but must not leave the private folder.
-    {"escaping-link.zip", Expect::UnsafeContent},
-    {"link-after-name.zip", Expect::UnsafeContent},
-    {"device.zip", Expect::AnyError},  // root gets a node to refuse; others cannot make one
+    {"escaping-link.zip", Expect::UnsafeContent, true},
+    {"link-after-name.zip", Expect::UnsafeContent, true},
+    {"device.zip", Expect::AnyError, true},  // root gets a node to refuse; others cannot make one
     {"duplicate.zip", Expect::UnsafeContent},
     {"case.zip", Expect::UnsafeContent},
     {"deep.zip", Expect::UnsafeContent},
     {"bomb.zip", Expect::TooLarge},
     {"bomb-many.zip", Expect::TooLarge},
     // Not ZIP archives, whatever their names say.
-    {"tar.zip", Expect::UnknownType},
-    {"polyglot-tar.zip", Expect::UnknownType},
-    {"cpio.zip", Expect::UnknownType},
-    {"mtree.zip", Expect::UnknownType},
-    {"polyglot-iso.zip", Expect::UnknownType},
+    {"tar.zip", Expect::UnknownType, true},
+    {"polyglot-tar.zip", Expect::UnknownType, true},
+    {"cpio.zip", Expect::UnknownType, true},
+    {"mtree.zip", Expect::UnknownType, true},
+    {"polyglot-iso.zip", Expect::UnknownType, true},
     // Cut short: in an entry, the tool notices; after the last one, only the
     // missing end record tells.
     {"truncated-header.zip", Expect::ToolFailure},
@@ -58,17 +59,17 @@ const HostileCase kHostileCases[] = {
     {"truncated-central-directory.zip", Expect::UnsafeContent},
     {"truncated-end-record.zip", Expect::UnsafeContent},
     // Archives that are not regular files are never opened for reading.
-    {"pipe.zip", Expect::AnyError},
-    {"pipe.dmg", Expect::AnyError},
+    {"pipe.zip", Expect::AnyError, true},
+    {"pipe.dmg", Expect::AnyError, true},
     {"pipe.bin", Expect::UnknownType},
     // Disk images.
-    {"image-escaping-link.dmg", Expect::ToolFailure},
+    {"image-escaping-link.dmg", Expect::ToolFailure, true},
     {"image-case.dmg", Expect::UnsafeContent},
     {"image-truncated.dmg", Expect::ToolFailure},
     // Modes that are taken away and special files that 7-Zip makes plain.
-    {"modes.zip", Expect::Unpacks},
-    {"fifo.zip", Expect::Unpacks},  // a streamed ZIP's FIFO comes out as an empty file
-    {"image-modes.dmg", Expect::Unpacks},
+    {"modes.zip", Expect::Unpacks, true},
+    {"fifo.zip", Expect::Unpacks, true},  // a streamed ZIP's FIFO comes out as an empty file
+    {"image-modes.dmg", Expect::Unpacks, true},
 };
 
 void expectOutcome(const Outcome& outcome, Expect expect) {
@@ -106,10 +107,11 @@ void expectOutcome(const Outcome& outcome, Expect expect) {
 
 // Permissions beyond the umask never come from an archive; with a umask of
 // 0 the tools would keep 0777 and 0666, so the check is what must clear them.
-void runHostileTable(const fs::path& fixtures, const fs::path& aimedAt) {
+void runHostileTable(const fs::path& fixtures, const fs::path& aimedAt, bool onlyWhereThePrivilegeCounts) {
   Sandbox sandbox("fennick-hostile");
   ScopedUmask open(0);
   for (const HostileCase& item : kHostileCases) {
+    if (onlyWhereThePrivilegeCounts && !item.dependsOnPrivilege) continue;
     SCOPED_TRACE(item.archive);
     const Outcome outcome = unpack(fixtures / item.archive, sandbox.destination());
     expectOutcome(outcome, item.expect);
@@ -133,7 +135,7 @@ TEST(UnarchiverHostileArchives, RefusedOrMadeHarmlessAsRootAndAsAnUnprivilegedUs
   ASSERT_NO_FATAL_FAILURE(buildFixtures(fixtures, fixtureSandbox.outside()));
   {
     SCOPED_TRACE(::geteuid() == 0 ? "as root" : "as the caller");
-    runHostileTable(fixtures, fixtureSandbox.outside());
+    runHostileTable(fixtures, fixtureSandbox.outside(), false);
   }
   if (::geteuid() != 0) GTEST_SKIP() << "only root can run the table again as another user";
   FENNICK_RUN_IN_CHILD("UnarchiverHostileArchives.InsideAsNobody",
@@ -145,7 +147,7 @@ TEST(UnarchiverHostileArchives, RefusedOrMadeHarmlessAsRootAndAsAnUnprivilegedUs
 
 TEST(UnarchiverHostileArchives, InsideAsNobody) {
   FENNICK_ONLY_IN_CHILD();
-  runHostileTable(std::getenv("FENNICK_HOSTILE_FIXTURES"), std::getenv("FENNICK_HOSTILE_OUTSIDE"));
+  runHostileTable(std::getenv("FENNICK_HOSTILE_FIXTURES"), std::getenv("FENNICK_HOSTILE_OUTSIDE"), true);
 }
 
 // A volume's links come out as the image records them: an absolute target

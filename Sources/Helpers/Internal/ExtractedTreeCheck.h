@@ -32,7 +32,7 @@ enum class TreeProblem {
 
 /// Folders nested deeper than this are refused; no application needs them,
 /// and every level costs a descriptor while the tree is walked or copied.
-inline constexpr std::size_t kMaximumTreeDepth = 256;
+inline constexpr std::size_t kMaximumTreeDepth = 128;
 
 /// Checks and neutralises the tree under `root` (a folder), whose regular
 /// files may hold `maximumBytes` in all. When
