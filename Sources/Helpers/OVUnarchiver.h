@@ -21,16 +21,46 @@
 // destination turns out to be nothing (an empty archive, or only ignored
 // names), the completion gets nil and no error.
 //
-// Whatever its entries say, an archive writes only inside the output folder:
-// the tools refuse absolute and ".." paths and writing through symbolic links,
-// and device files, FIFOs and sockets are removed from what was extracted.
-// The extraction folder under the temporary directory is left in place.
+// Archives are outside data, and the caller may be root. Whatever an archive
+// says:
+// - A file taken for a ZIP archive (by its name or its bytes) must be one:
+//   its first bytes are checked before bsdtar sees them, and a tar, cpio or
+//   mtree stream, or a stream that another of bsdtar's readers would also
+//   claim, fails with OVUnarchiverErrorUnknownArchiveType. The archive must
+//   be a regular file; a FIFO or device is never opened for reading.
+// - The tools unpack into a folder of mode 0700 under the temporary
+//   directory (named by a UUID and made afresh: a planted folder or link of
+//   that name makes the job pick another), with no owners, permissions
+//   beyond the caller's umask, ACLs, extended attributes or file flags taken
+//   from the archive. Absolute and ".." entries and writing through links
+//   fail the tool.
+// - Before anything leaves that folder it is looked over without following
+//   links: a device node, FIFO, socket, hard link, a symbolic link whose
+//   relative target climbs out of the unpacked tree, two names that differ
+//   only in case (or one name given twice), or folders nested past 128
+//   levels fail the job with OVUnarchiverErrorUnsafeContent and the folder is
+//   removed; set-user-ID, set-group-ID and world-write bits are taken away.
+//   Absolute link targets are kept as the archive records them (a disk
+//   image's "Applications" link to "/Applications" stays one).
+// - An archive may unpack to at most OVUnarchiverExtractedBytesFloor plus
+//   OVUnarchiverExtractedBytesPerArchiveByte times its own size (counted as
+//   the bytes the tool writes); past that the tool is ended and the job fails
+//   with OVUnarchiverErrorExpansionLimitExceeded.
+// - A tool that reads and writes nothing for a minute is taken to hang: it
+//   is ended and the job fails with OVUnarchiverErrorExtractorFeedFailed (ZIP)
+//   or OVUnarchiverErrorImageAttachFailed (disk image).
+// - Items reach the destination under a hidden temporary name and then take
+//   the place of the item they replace in one step, so a failure (a full
+//   disk) leaves the old item in place and nothing half-made beside it.
+// A failed extraction removes its folder; the extraction folder of a job
+// that unpacked is left in place.
 //
 // Thread safety: every operation is a class operation and may be called from
 // any thread; each job runs on its own serial queue "unarchiver", where its
 // progress and completion callbacks are called.
 #include "fennick/Runtime/Object.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 
@@ -47,7 +77,16 @@ enum OVUnarchiverError : std::int64_t {
   OVUnarchiverErrorExtractorLaunchFailed = -2,
   OVUnarchiverErrorExtractorFeedFailed = -3,
   OVUnarchiverErrorImageAttachFailed = -4,
+  /// The archive holds what is never unpacked (see above); the description says what.
+  OVUnarchiverErrorUnsafeContent = -5,
+  /// The archive unpacks to more than the limit stated above.
+  OVUnarchiverErrorExpansionLimitExceeded = -6,
 };
+
+/// An archive may always unpack to this many bytes ...
+inline constexpr std::uint64_t OVUnarchiverExtractedBytesFloor = 32ull << 20;
+/// ... plus this many for each byte of the archive itself.
+inline constexpr std::uint64_t OVUnarchiverExtractedBytesPerArchiveByte = 100;
 
 enum OVUnarchiverArchiveType : std::int64_t {
   OVUnarchiverArchiveTypeUnknown = 0,
@@ -88,6 +127,12 @@ class OVUnarchiver {
   static Ref<URL> _unarchiveDMG_progressHandler_error(const Ref<URL>& archive, const ProgressHandler& progress,
                                                       Ref<Error>* error);
   static bool _shouldIgnoreItemAtURL(const Ref<URL>& url);
+  /// The most an archive of that many bytes may unpack to.
+  static std::uint64_t _maximumExtractedBytesForArchiveSize(std::uint64_t archiveBytes);
+  /// How long a tool may read and write nothing before it is ended (one
+  /// minute unless a test shortens it).
+  static std::chrono::milliseconds _toolStallTimeout();
+  static void _setToolStallTimeout(std::chrono::milliseconds timeout);
   /// Moves the source's top-level entries (or the source itself) into the
   /// destination folder, replacing items of the same name. False without an
   /// error when there was nothing to move.

@@ -3,21 +3,84 @@
 #include "fennick/Runtime/ClassBuilder.h"
 #include "fennick/Runtime/Coder.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <random>
+#include <fcntl.h>
+#include <mutex>
+#include <pthread.h>
+#include <sys/random.h>
+#include <unistd.h>
 
 namespace fennick {
 
 namespace {
 
-std::uint64_t randomWord() {
-  thread_local std::mt19937_64 engine([] {
-    std::random_device device;
-    std::seed_seq seed{device(), device(), device(), device(), device(), device()};
-    return std::mt19937_64(seed);
-  }());
-  return engine();
-}
+// Identifiers name temporary folders and subscriptions, so they must not be
+// guessable: every byte comes from the kernel's random source. One getrandom
+// call fills a per-thread buffer that serves sixteen identifiers.
+class KernelRandomBytes {
+ public:
+  void take(std::uint8_t* out, std::size_t count) {
+    if (generation_ != forkGeneration() || used_ + count > buffer_.size()) refill();
+    std::memcpy(out, buffer_.data() + used_, count);
+    // Bytes handed out never stay behind in memory.
+    std::memset(buffer_.data() + used_, 0, count);
+    used_ += count;
+  }
+
+ private:
+  // A forked child starts with a copy of its parent's buffer; bytes from it
+  // would repeat the parent's identifiers, so a fork discards every buffer.
+  static std::uint64_t forkGeneration() {
+    static std::once_flag registered;
+    std::call_once(registered, [] { ::pthread_atfork(nullptr, nullptr, [] { ++generationCounter(); }); });
+    return generationCounter();
+  }
+  static std::uint64_t& generationCounter() {
+    static std::uint64_t counter = 0;  // changed only in a fork's child, which has one thread
+    return counter;
+  }
+
+  void refill() {
+    fill(buffer_.data(), buffer_.size());
+    used_ = 0;
+    generation_ = forkGeneration();
+  }
+
+  static void fill(std::uint8_t* bytes, std::size_t count) {
+    std::size_t done = 0;
+    while (done < count) {
+      const ssize_t got = ::getrandom(bytes + done, count - done, 0);
+      if (got > 0) {
+        done += static_cast<std::size_t>(got);
+      } else if (got < 0 && errno != EINTR) {
+        fillFromDevice(bytes + done, count - done);
+        return;
+      }
+    }
+  }
+
+  // Kernels without getrandom still have the device; without either there is
+  // no way to make an identifier nobody can predict, and none is made.
+  static void fillFromDevice(std::uint8_t* bytes, std::size_t count) {
+    const int fd = ::open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    std::size_t done = 0;
+    while (fd >= 0 && done < count) {
+      const ssize_t got = ::read(fd, bytes + done, count - done);
+      if (got > 0)
+        done += static_cast<std::size_t>(got);
+      else if (got == 0 || errno != EINTR)
+        break;
+    }
+    if (fd >= 0) ::close(fd);
+    if (done < count) std::abort();
+  }
+
+  std::array<std::uint8_t, 256> buffer_{};
+  std::size_t used_ = buffer_.size();
+  std::uint64_t generation_ = 0;
+};
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -35,10 +98,9 @@ FENNICK_DEFINE_CLASS(UUID) {
 }
 
 Ref<UUID> UUID::init() {
+  thread_local KernelRandomBytes source;
   Bytes bytes;
-  const std::uint64_t high = randomWord(), low = randomWord();
-  std::memcpy(bytes.data(), &high, 8);
-  std::memcpy(bytes.data() + 8, &low, 8);
+  source.take(bytes.data(), bytes.size());
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
   return make<UUID>(bytes);

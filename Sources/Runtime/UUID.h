@@ -1,6 +1,8 @@
 #pragma once
 // Universally unique identifiers: random (version 4) on creation, written as
-// upper-case text ("E621E1F8-C36C-495A-93FC-0C247A3E6E5F").
+// upper-case text ("E621E1F8-C36C-495A-93FC-0C247A3E6E5F"). The random bits
+// come from the kernel (getrandom), so identifiers can name things others
+// must not guess, such as private temporary folders.
 #include "fennick/Runtime/Object.h"
 
 #include <array>
@@ -15,7 +17,7 @@ class UUID : public Object {
  public:
   using Bytes = std::array<std::uint8_t, 16>;
 
-  /// A fresh random identifier.
+  /// A fresh random identifier; never one a forked parent or child also makes.
   static Ref<UUID> init();
   /// Parses the 36-character text form (either case); nil when malformed.
   static Ref<UUID> UUIDWithString(std::string_view text);

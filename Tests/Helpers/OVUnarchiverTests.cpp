@@ -201,12 +201,17 @@ TEST_F(UnarchiverTest, DiskImagesOfBothFileSystemsCopyTheVolumeWithoutIgnoredNam
   }
 }
 
+// The folder is the job's own: made afresh, only its owner may enter it.
 TEST_F(UnarchiverTest, WithoutDestinationTheExtractionFolderIsTheResult) {
   writeFile(root_ / "content" / "a.txt", "a");
-  const auto outcome = unpack(zipOf(root_ / "content", "a.zip"), {});
+  const fs::path archive = root_ / "a.zip";
+  sh("bsdtar --format zip -cf " + quoted(archive) + " -C " + quoted(root_ / "content") + " a.txt");
+  const auto outcome = unpack(archive, {});
   ASSERT_TRUE(outcome.folder);
-  EXPECT_EQ(fs::path(outcome.folder->path()).parent_path(), root_ / "tmp");
-  EXPECT_EQ(readFile(fs::path(outcome.folder->path()) / "a.txt"), "a");
+  const fs::path folder = outcome.folder->path();
+  EXPECT_EQ(folder.parent_path(), root_ / "tmp");
+  EXPECT_EQ(readFile(folder / "a.txt"), "a");
+  EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(UnarchiverTest, FailuresReachTheCompletionWithTheirErrors) {

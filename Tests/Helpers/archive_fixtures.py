@@ -2,11 +2,25 @@
 
   udif PARTITION OUTPUT   wraps a raw partition image in a UDIF disk image
                           (data fork, block table in an XML plist, "koly" trailer)
+  volume-image FOLDER OUTPUT
+                          a UDIF image of an ISO 9660 volume with the
+                          folder's content (the folder is removed)
   hostile-zip OUTPUT      a ZIP whose entries try to write outside its folder
+  hostile-set FOLDER OUTSIDE
+                          every hostile archive and disk image of the
+                          unpacker's table, into FOLDER; OUTSIDE is the
+                          absolute path of a folder the archives aim at from
+                          outside their own (device nodes need root)
 """
+import io
+import os
 import plistlib
+import random
 import struct
+import subprocess
 import sys
+import tarfile
+import warnings
 import zipfile
 
 
@@ -55,6 +69,170 @@ def hostile_zip(path: str) -> None:
         f.write(data.replace(b"bad-NAME.txt", b"bad-\xff\xfe\xfd\xfc.txt"))
 
 
+def streamed(name: str, mode: int) -> zipfile.ZipInfo:
+    """An entry whose type and mode reach a streaming reader: they are in the
+    central directory, which bsdtar never reads from a pipe, and again in the
+    local header's 'xl' extra field (flags: version made by, external
+    attributes), which it does."""
+    info = entry(name, mode)
+    info.extra = struct.pack("<HHBBBI", 0x6C78, 7, 0x05, 0, 3, mode << 16)
+    return info
+
+
+def write_zip(path: str, entries, compression=zipfile.ZIP_STORED, level=None) -> None:
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore")  # duplicate names are the point of one fixture
+        with zipfile.ZipFile(path, "w") as archive:
+            for name, mode, content in entries:
+                archive.writestr(streamed(name, mode), content, compression, level)
+
+
+FILE, FOLDER, LINK = 0o100644, 0o040755, 0o120777
+
+
+def tar_member(name: str, kind: bytes, **fields) -> tarfile.TarInfo:
+    info = tarfile.TarInfo(name)
+    info.type = kind
+    for key, value in fields.items():
+        setattr(info, key, value)
+    return info
+
+
+def hostile_tar(outside: str, first_name: str = "evil") -> bytes:
+    """A tar stream with what only tar can carry: a device node of a chosen
+    major and minor, a hard link to a file outside, a set-user-ID file."""
+    buffer = io.BytesIO()
+    with tarfile.open(fileobj=buffer, mode="w", format=tarfile.USTAR_FORMAT) as archive:
+        archive.addfile(tar_member(first_name, tarfile.REGTYPE, size=4, mode=0o4755), io.BytesIO(b"evil"))
+        archive.addfile(tar_member("mem", tarfile.CHRTYPE, devmajor=1, devminor=1, mode=0o666))
+        archive.addfile(tar_member("hard", tarfile.LNKTYPE, linkname=outside + "/fennick-escape-hard"))
+    return buffer.getvalue()
+
+
+def truncations(folder: str) -> None:
+    path = os.path.join(folder, "whole.zip")
+    rng = random.Random(7)
+    write_zip(path, [("one.bin", FILE, rng.randbytes(3000)), ("two.bin", FILE, rng.randbytes(3000))],
+              zipfile.ZIP_DEFLATED)
+    with open(path, "rb") as f:
+        data = f.read()
+    os.remove(path)
+    second = data.find(b"PK\x03\x04", 4)
+    directory = data.find(b"PK\x01\x02")
+    cuts = {"header": 20, "data": 100, "second-entry": second + 10, "central-directory": directory + 10,
+            "end-record": len(data) - 10}
+    for name, cut in cuts.items():
+        with open(os.path.join(folder, f"truncated-{name}.zip"), "wb") as f:
+            f.write(data[:cut])
+
+
+def huge_declared_size(folder: str) -> None:
+    path = os.path.join(folder, "declared-size.zip")
+    write_zip(path, [("big.bin", FILE, b"small")])
+    with open(path, "r+b") as f:
+        f.seek(18)  # compressed and uncompressed sizes of the first local header
+        f.write(struct.pack("<II", 0xFFFFFFF0, 0xFFFFFFF0))
+
+
+def polyglot_iso(folder: str, outside: str) -> None:
+    """An ISO 9660 image (its first 32 KiB are unused) that starts like a ZIP."""
+    content = os.path.join(folder, "iso-content")
+    os.makedirs(content)
+    os.symlink(outside, os.path.join(content, "link"))
+    iso = os.path.join(folder, "polyglot.iso")
+    subprocess.run(["genisoimage", "-quiet", "-R", "-o", iso, content], check=True)
+    with open(iso, "r+b") as f:
+        f.write(b"PK\x03\x04")
+    os.rename(iso, os.path.join(folder, "polyglot-iso.zip"))
+    for name in os.listdir(content):
+        os.remove(os.path.join(content, name))
+    os.rmdir(content)
+
+
+def image_of(volume: str, image: str) -> None:
+    """A UDIF image of an ISO 9660 (Rock Ridge) volume made from the folder."""
+    iso = image + ".iso"
+    subprocess.run(["genisoimage", "-quiet", "-R", "-o", iso, volume], check=True)
+    with open(iso, "rb") as f:
+        data = udif(f.read())
+    with open(image, "wb") as f:
+        f.write(data)
+    os.remove(iso)
+    subprocess.run(["rm", "-rf", volume], check=True)
+
+
+def hostile_images(folder: str) -> None:
+    volume = os.path.join(folder, "volume")
+    os.makedirs(volume)
+    os.symlink("../../../etc", os.path.join(volume, "up"))
+    image_of(volume, os.path.join(folder, "image-escaping-link.dmg"))
+
+    os.makedirs(volume)
+    for name, content in (("Case", "one"), ("case", "two")):
+        with open(os.path.join(volume, name), "w") as f:
+            f.write(content)
+    image_of(volume, os.path.join(folder, "image-case.dmg"))
+
+    os.makedirs(os.path.join(volume, "open"))
+    for name, mode in (("suid", 0o4777), ("open/file", 0o666)):
+        with open(os.path.join(volume, name), "w") as f:
+            f.write("x")
+        os.chmod(os.path.join(volume, name), mode)
+    os.chmod(os.path.join(volume, "open"), 0o777)
+    os.mkfifo(os.path.join(volume, "pipe"), 0o666)
+    if os.geteuid() == 0:
+        os.mknod(os.path.join(volume, "mem"), 0o666 | 0o020000, os.makedev(1, 1))
+    image_of(volume, os.path.join(folder, "image-modes.dmg"))
+
+    with open(os.path.join(folder, "image-modes.dmg"), "rb") as f:
+        whole = f.read()
+    with open(os.path.join(folder, "image-truncated.dmg"), "wb") as f:
+        f.write(whole[: len(whole) // 2])
+
+
+def hostile_set(folder: str, outside: str) -> None:
+    os.makedirs(folder, exist_ok=True)
+    out = lambda name: os.path.join(folder, name)
+    write_zip(out("dotdot.zip"), [("ok.txt", FILE, "ok"), ("../../fennick-escape-dotdot", FILE, "out")])
+    write_zip(out("absolute.zip"), [(outside + "/fennick-escape-absolute", FILE, "out")])
+    write_zip(out("link-through.zip"), [("link", LINK, outside), ("link/fennick-escape-link", FILE, "out")])
+    write_zip(out("relative-link-through.zip"),
+              [("up", LINK, "../../../../../../.."), ("up/fennick-escape-relative", FILE, "out")])
+    write_zip(out("escaping-link.zip"), [("ok.txt", FILE, "ok"), ("up", LINK, "../../../etc")])
+    # "up" points at the top folder, which is fine; "out" reads as "sub" to a
+    # check that counts components, but resolves through "up" to its parent.
+    write_zip(out("link-after-name.zip"), [("sub/", FOLDER, ""), ("sub/up", LINK, ".."), ("sub/out", LINK, "up/..")])
+    write_zip(out("device.zip"), [("null", 0o020666, "")])
+    write_zip(out("fifo.zip"), [("pipe", 0o010666, "")])
+    write_zip(out("duplicate.zip"), [("twice.txt", FILE, "first"), ("twice.txt", FILE, "second")])
+    write_zip(out("case.zip"), [("ReadMe", FILE, "one"), ("README", FILE, "two")])
+    write_zip(out("deep.zip"), [("d/" * 140 + "f", FILE, "deep")])
+    huge_declared_size(folder)
+    zeros = bytes(64 << 20)
+    write_zip(out("bomb.zip"), [("zeros", FILE, zeros)], zipfile.ZIP_DEFLATED, 9)
+    write_zip(out("bomb-many.zip"), [(f"zeros{i}", FILE, zeros[: 1 << 20]) for i in range(64)],
+              zipfile.ZIP_DEFLATED, 9)
+    truncations(folder)
+    with open(out("tar.zip"), "wb") as f:
+        f.write(hostile_tar(outside))
+    with open(out("polyglot-tar.zip"), "wb") as f:
+        f.write(hostile_tar(outside, "PK\x03\x04evil"))
+    subprocess.run(["bsdtar", "--format", "newc", "-cf", out("cpio.zip"), "@" + out("tar.zip")], check=True)
+    with open(out("mtree.zip"), "w") as f:
+        f.write("#mtree\n./hostname type=file mode=4755 contents=/etc/hostname\n")
+    polyglot_iso(folder, outside)
+    # Each other format gets a ZIP end record, so that only the check of its
+    # start stands between it and bsdtar.
+    for name in ("tar.zip", "polyglot-tar.zip", "cpio.zip", "mtree.zip", "polyglot-iso.zip"):
+        with open(out(name), "ab") as f:
+            f.write(b"PK\x05\x06" + bytes(18))
+    write_zip(out("modes.zip"), [("suid", 0o104777, "x"), ("sgid", 0o102777, "x"), ("open/", 0o040777, ""),
+                                 ("open/file", 0o100666, "x")])
+    hostile_images(folder)
+    for name in ("pipe.zip", "pipe.dmg", "pipe.bin"):
+        os.mkfifo(out(name), 0o644)
+
+
 if __name__ == "__main__":
     if sys.argv[1] == "udif":
         with open(sys.argv[2], "rb") as f:
@@ -63,5 +241,9 @@ if __name__ == "__main__":
             f.write(image)
     elif sys.argv[1] == "hostile-zip":
         hostile_zip(sys.argv[2])
+    elif sys.argv[1] == "volume-image":
+        image_of(sys.argv[2], sys.argv[3])
+    elif sys.argv[1] == "hostile-set":
+        hostile_set(sys.argv[2], sys.argv[3])
     else:
         sys.exit(__doc__)

@@ -1,0 +1,158 @@
+// The unpacker's ZIP step: the archive is fed to bsdtar on its standard
+// input, after its first bytes have shown that it is a ZIP archive that no
+// other of bsdtar's readers would claim.
+#include "fennick/Helpers/OVUnarchiver.h"
+
+#include "fennick/Helpers/Internal/ArchiveFile.h"
+#include "fennick/Helpers/Internal/ExtractedTreeCheck.h"
+#include "fennick/Helpers/Internal/ItemPlacement.h"
+#include "fennick/Helpers/Internal/PrivateFolder.h"
+#include "fennick/Helpers/Internal/ToolOutputCollector.h"
+#include "fennick/Helpers/Internal/ToolWatchdog.h"
+#include "fennick/Helpers/Internal/UnarchiverErrors.h"
+#include "fennick/Helpers/Internal/ZIPStreamCheck.h"
+#include "fennick/Helpers/Process+OVRunExtensions.h"
+#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/Exception.h"
+#include "fennick/Runtime/FileHandle.h"
+#include "fennick/Runtime/Pipe.h"
+#include "fennick/Runtime/URL.h"
+
+#include <cerrno>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+
+namespace fennick {
+
+using namespace detail;
+
+namespace {
+
+constexpr const char* kZIPTool = "/usr/bin/bsdtar";
+constexpr std::size_t kFeedChunkSize = 262'144;
+
+// bsdtar's -v names every entry on a line of its own, "x NAME", followed on
+// the same line by any complaint about it. A name given twice (in any case)
+// would have one entry silently win over the other.
+bool namesAnEntryTwice(std::string_view listing) {
+  std::set<std::string> names;
+  while (!listing.empty()) {
+    const std::size_t end = listing.find('\n');
+    std::string_view line = listing.substr(0, end);
+    listing = end == std::string_view::npos ? std::string_view() : listing.substr(end + 1);
+    if (line.substr(0, 2) != "x ") continue;
+    line.remove_prefix(2);
+    while (line.size() > 1 && line.back() == '/') line.remove_suffix(1);
+    std::string folded(line);
+    for (char& c : folded)
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (!names.insert(std::move(folded)).second) return true;
+  }
+  return false;
+}
+
+// The tool's complaints without the lines that only name an entry.
+std::string complaintsOf(std::string_view listing) {
+  std::string complaints;
+  while (!listing.empty()) {
+    const std::size_t end = listing.find('\n');
+    const std::string_view line = listing.substr(0, end);
+    listing = end == std::string_view::npos ? std::string_view() : listing.substr(end + 1);
+    if (line.substr(0, 2) == "x " && line.find(": ") == std::string_view::npos) continue;
+    complaints.append(line).append("\n");
+  }
+  return complaints;
+}
+
+// Feeds the archive into the tool's input, reporting the fraction fed after
+// each chunk. The first chunk has been read already (to check the format).
+Ref<Error> feed(const ArchiveFile& file, Ref<Data> chunk, const Ref<FileHandle>& sink,
+                const OVUnarchiver::ProgressHandler& progress) {
+  Ref<Error> error;
+  std::uint64_t written = 0;
+  while (chunk && chunk->length() > 0) {
+    try {
+      sink->writeData(chunk);
+    } catch (const Exception&) {
+      return unarchiverError(OVUnarchiverErrorExtractorFeedFailed);
+    }
+    written += chunk->length();
+    if (progress) progress(static_cast<double>(written) / static_cast<double>(file.size));
+    if (written >= file.size) break;
+    chunk = file.handle->readDataUpToLength_error(kFeedChunkSize, &error);
+  }
+  return error;
+}
+
+}  // namespace
+
+Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archive, const ProgressHandler& progress,
+                                                           Ref<Error>* error) {
+  ArchiveFile file;
+  if (!file.open(archive, error)) return nullptr;
+  // The tool writes into a folder inside a private one: an archive's "./"
+  // entry may open up the folder the tool writes into, never its parent.
+  const std::string privateFolder = makePrivateFolder();
+  if (privateFolder.empty()) {
+    setPOSIXError(error, errno);
+    return nullptr;
+  }
+  const std::string work = privateFolder + "/content";
+  auto fail = [&](Ref<Error> failure) -> Ref<URL> {
+    removeItem(privateFolder);
+    setError(error, std::move(failure));
+    return nullptr;
+  };
+  if (::mkdir(work.c_str(), 0700) != 0) return fail(Error::posixError(errno));
+
+  Ref<Error> readError;
+  Ref<Data> firstChunk = file.handle->readDataUpToLength_error(kFeedChunkSize, &readError);
+  if (!firstChunk) return fail(readError);
+  if (!isZIPStream(firstChunk->stringView()))
+    return fail(unarchiverError(OVUnarchiverErrorUnknownArchiveType, "Unknown archive type."));
+
+  auto input = Pipe::pipe(), errors = Pipe::pipe();
+  if (!input || !errors) return fail(unarchiverError(OVUnarchiverErrorExtractorLaunchFailed));
+  auto tool = Process::init();
+  tool->setLaunchPath(kZIPTool);
+  // -k keeps the first of two entries of one name, -v lists every entry (to
+  // find such twins), and the substitution turns an absolute name into one
+  // that starts with "..", which bsdtar refuses instead of quietly
+  // extracting it under the folder. No owner, permission, ACL, attribute or
+  // flag comes from the archive.
+  tool->setArguments({"-x", "-v", "-k", "--no-same-owner", "--no-same-permissions", "--no-acls", "--no-xattrs",
+                      "--no-fflags", "-s", ",^/,../,S", "-f", "-", "-C", work});
+  tool->setStandardInput(input);
+  tool->setStandardError(errors);
+  if (!safeLaunch(tool)) return fail(unarchiverError(OVUnarchiverErrorExtractorLaunchFailed));
+  const std::uint64_t limit = _maximumExtractedBytesForArchiveSize(file.size);
+  ToolWatchdog watchdog(tool, limit, _toolStallTimeout());
+  ToolOutputCollector errorOutput(errors);
+  errorOutput.start();
+
+  Ref<Error> feedError = feed(file, firstChunk, input->fileHandleForWriting(), progress);
+  input->fileHandleForWriting()->closeFile();
+  if (!safeWaitUntilExit(tool)) return fail(unarchiverError(OVUnarchiverErrorExtractorFeedFailed));
+  const ToolWatchdog::Verdict verdict = watchdog.finish();
+  const std::string listing = errorOutput.take();
+  if (verdict != ToolWatchdog::Verdict::Ran)
+    return fail(watchdogError(verdict, OVUnarchiverErrorExtractorFeedFailed));
+  if (!exitedCleanly(tool)) return fail(toolFailure(tool, complaintsOf(listing)));
+  if (!file.endsWithZIPEndRecord())
+    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive is cut short: its end record is missing."));
+  if (namesAnEntryTwice(listing))
+    return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive names one item twice."));
+  if (const auto problem = checkExtractedTree(work, limit); problem != TreeProblem::None)
+    return fail(treeError(problem));
+
+  std::error_code code;
+  const std::string output = publishFolder(work, code);
+  if (output.empty()) return fail(Error::posixError(code.value()));
+  removeItem(privateFolder);
+  if (feedError) setError(error, feedError);
+  return URL::fileURLWithPath_isDirectory(output, true);
+}
+
+}  // namespace fennick
