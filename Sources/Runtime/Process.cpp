@@ -18,6 +18,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 
 extern char** environ;
@@ -35,6 +37,17 @@ FENNICK_DEFINE_CLASS(Process) {
 }
 
 namespace {
+
+// Waits for the child to exit without reaping it, so that any number of
+// threads (and the exit watch) may wait at once; a pidfd stays open while its
+// Process lives, so it cannot name a recycled process.
+void waitForExitWithoutReaping(int pidfd, pid_t pid) {
+  siginfo_t info{};
+  int result;
+  do result = pidfd >= 0 ? ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info, WEXITED | WNOWAIT)
+                         : ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+  while (result != 0 && errno == EINTR);
+}
 
 int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); }
 
@@ -249,9 +262,13 @@ void Process::launch() {
 }
 
 void Process::watchExit() {
-  if (pidfd_ < 0) return;  // no pidfd (very old kernel): only waitUntilExit reaps
+  if (!watchExitOnReactor()) watchExitOnThread();
+}
+
+bool Process::watchExitOnReactor() {
+  if (pidfd_ < 0) return false;
   auto source = dispatch::Source::createRead(pidfd_, dispatch::global(QOS_CLASS_UTILITY));
-  if (!source) return;
+  if (!source) return false;
   auto self = std::static_pointer_cast<Process>(shared_from_this());
   std::weak_ptr<dispatch::Source> weakSource = source;
   // The handler keeps the process alive while the child runs; cancelling the
@@ -262,6 +279,23 @@ void Process::watchExit() {
   });
   source->setCancelHandler([keep = source] {});
   source->resume();
+  return true;
+}
+
+void Process::watchExitOnThread() {
+  // Out of descriptors (no pidfd, or none left for the reactor to watch it
+  // with), a thread of its own waits instead: a thread needs no descriptor,
+  // and without a watch the child would stay a zombie and its handler never
+  // run unless someone called waitUntilExit().
+  auto self = std::static_pointer_cast<Process>(shared_from_this());
+  try {
+    std::thread([self, pidfd = pidfd_, pid = pid_] {
+      waitForExitWithoutReaping(pidfd, pid);
+      self->reapIfExited();
+    }).detach();
+  } catch (const std::system_error&) {
+    // No thread either: waitUntilExit() remains the way to reap this child.
+  }
 }
 
 bool Process::reapIfExited() {
@@ -306,14 +340,7 @@ void Process::waitUntilExit() {
     pidfd = pidfd_;
     pid = pid_;
   }
-  // Wait without reaping, so that any number of threads (and the exit watch)
-  // may wait at once; the pidfd stays open while this object lives, so it
-  // cannot name a recycled process.
-  siginfo_t info{};
-  int result;
-  do result = pidfd >= 0 ? ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info, WEXITED | WNOWAIT)
-                         : ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
-  while (result != 0 && errno == EINTR);
+  waitForExitWithoutReaping(pidfd, pid);
   reapIfExited();
   std::unique_lock lock(mutex_);
   exited_.wait(lock, [this] { return !running_; });

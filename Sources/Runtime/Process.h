@@ -11,7 +11,8 @@
 // to their defaults there.
 //
 // The child is always reaped: its exit is watched through a pidfd on the
-// dispatch reactor, so no zombie is left even when nobody waits. While it
+// dispatch reactor (by a thread of its own when the process is out of
+// descriptors), so no zombie is left even when nobody waits. While it
 // runs, the Process keeps itself alive. When it has exited, the termination
 // handler (if any) is called once on the global utility queue and then
 // released, which breaks cycles through its captures.
@@ -121,7 +122,12 @@ class Process : public Object {
   bool isWholeConfiguration() const;
   /// Spawns the child; 0 or an errno value. Raises for a bad configuration.
   int spawn(Launch& launch);
+  /// Watches for the child's exit so that it is reaped and its handler runs
+  /// without a waiter: through its pidfd on the reactor, or a thread of its
+  /// own when no descriptor is left for that.
   void watchExit();
+  bool watchExitOnReactor();
+  void watchExitOnThread();
   /// Reaps the child when it has exited; true once it has been reaped.
   bool reapIfExited();
   void finishLocked(int status, TerminationReason reason, std::unique_lock<std::mutex>& lock);

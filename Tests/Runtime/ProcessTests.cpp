@@ -5,6 +5,8 @@
 #include "fennick/Runtime/Pipe.h"
 #include "fennick/Runtime/Process.h"
 
+#include "Platform/ChildTestRun.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <mutex>
 #include <set>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -189,6 +192,43 @@ TEST(ProcessTest, ExitedChildrenAreReapedWithoutAWaiter) {
   }
   std::unique_lock lock(mutex);
   ASSERT_TRUE(done.wait_for(lock, std::chrono::seconds(20), [&] { return finished == 20; }));
+  EXPECT_EQ(zombieChildren(), 0);
+}
+
+TEST(ProcessTest, ExitIsWatchedEvenWithoutADescriptorLeft) {
+  FENNICK_RUN_IN_CHILD("ProcessTest.InsideDescriptorExhaustion", {});
+}
+
+// With every descriptor taken, the child still starts (posix_spawn needs
+// none) but there is no pidfd to watch it through: it must be reaped and its
+// handler run all the same.
+TEST(ProcessTest, InsideDescriptorExhaustion) {
+  FENNICK_ONLY_IN_CHILD();
+  shell("exit 0")->launch();  // starts the reactor and the workers beforehand
+  const rlimit limit{64, 64};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> filler;
+  for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) filler.push_back(fd);
+  ASSERT_EQ(errno, EMFILE);
+
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  auto process = shell("exit 4");
+  process->setTerminationHandler([&](const Ref<Process>&) {
+    std::lock_guard lock(mutex);
+    finished = true;
+    done.notify_all();
+  });
+  Ref<Error> error;
+  ASSERT_TRUE(process->launchAndReturnError(&error));
+  {
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(done.wait_for(lock, std::chrono::seconds(20), [&] { return finished; }));
+  }
+  EXPECT_FALSE(process->isRunning());
+  for (int fd : filler) close(fd);
+  EXPECT_EQ(process->terminationStatus(), 4);
   EXPECT_EQ(zombieChildren(), 0);
 }
 

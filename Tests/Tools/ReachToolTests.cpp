@@ -15,19 +15,21 @@ namespace {
 TEST(ReachToolTest, PrintsTheStatusThenEachChangeUntilInterrupted) {
   if (std::system("unshare -rn true 2>/dev/null") != 0)
     GTEST_SKIP() << "network namespaces are unavailable here (unshare -rn failed)";
-  // Each step waits (at most 10 s) for the line the previous change must print.
+  // Each step waits (at most 10 s) until the line the previous change must
+  // print has appeared the given number of times.
   const std::string script = std::string(
       "set -e\n"
       "out=$(mktemp)\n"
       "'" FENNICK_TOOL_PATH "' reach >$out &\n"
       "tool=$!\n"
-      "await() { for i in $(seq 200); do grep -qx \"$1\" $out && return 0; sleep 0.05; done; cat $out; exit 1; }\n"
-      "await 'internet: not reachable'\n"
+      "await() { for i in $(seq 200); do [ \"$(grep -cx \"$1\" $out)\" -ge $2 ] && return 0; sleep 0.05; done;"
+      " cat $out; exit 1; }\n"
+      "await 'internet: not reachable' 1\n"
       "ip link add fnk0 type veth peer name fnk1; ip link set fnk1 up; ip link set fnk0 up\n"
       "ip addr add 10.9.0.2/24 dev fnk0; ip route add default via 10.9.0.1\n"
-      "await 'internet: reachable'\n"
+      "await 'internet: reachable' 1\n"
       "ip route del default\n"
-      "await 'internet: not reachable'\n"
+      "await 'internet: not reachable' 2\n"
       "kill -INT $tool; wait $tool\n"
       "cat $out; rm $out\n");
   char path[] = "/tmp/fennick-reach-XXXXXX";
