@@ -58,6 +58,7 @@ Ref<Source> Source::createRead(int fd, Ref<Queue> queue) {
   std::lock_guard lock(source->mutex_);
   source->fd_ = duplicate;
   source->reactor_ = internal::Reactor::acquire();
+  if (!source->reactor_) return nullptr;  // the destructor closes the duplicate
   source->registration_ = source->reactor_->add(duplicate, EPOLLONESHOT, source);
   if (source->registration_ == 0) {
     if (errno != EPERM) return nullptr;  // the destructor closes the duplicate
@@ -71,7 +72,7 @@ Ref<Source> Source::createTimer(Ref<Queue> queue) {
   auto source = std::make_shared<Source>(Private{}, Kind::Timer, std::move(queue));
   std::lock_guard lock(source->mutex_);
   source->reactor_ = internal::Reactor::acquire();
-  if (!source->openTimer(false)) return nullptr;
+  if (!source->reactor_ || !source->openTimer(false)) return nullptr;
   return source;
 }
 

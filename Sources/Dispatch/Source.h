@@ -43,11 +43,14 @@ class Source : public std::enable_shared_from_this<Source> {
   /// estimate of the bytes available. The source watches its own duplicate of
   /// `fd`, closed on cancel, so the caller may close `fd` in the cancel
   /// handler. Regular files count as readable while their position is before
-  /// the end. nullptr when `fd` is not an open descriptor. A null queue means
+  /// the end. nullptr when `fd` is not an open descriptor, or when the process
+  /// has no descriptor left for the duplicate or the reactor (an epoll
+  /// descriptor and an eventfd, shared by all sources). A null queue means
   /// global(QOS_CLASS_DEFAULT), for all three factories.
   static Ref<Source> createRead(int fd, Ref<Queue> queue);
   /// Fires as set by setTimer(); data() is the number of expirations since the
-  /// last handler run. Never fires before setTimer().
+  /// last handler run. Never fires before setTimer(). nullptr when the process
+  /// has no descriptor left for a timerfd or the reactor.
   static Ref<Source> createTimer(Ref<Queue> queue);
   /// Fires after mergeData(); data() is the OR of the values merged since the
   /// last handler run.

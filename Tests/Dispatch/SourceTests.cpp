@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/ChildTestRun.h"
 #include "TestSupport.h"
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Dispatch/Source.h"
@@ -273,6 +275,39 @@ TEST(Source, ReleasedSourcesLeaveNoDescriptorsOrReactorThread) {
   EXPECT_TRUE(eventually([&] { return cancels->load() == 2; })) << "released sources still cancel";
   EXPECT_TRUE(eventually([&] { return openDescriptorCount() == descriptorsBefore; }));
   EXPECT_TRUE(eventually([] { return reactorThreadCount() == 0; }));
+}
+
+TEST(Source, WithoutDescriptorsSourcesAreNilAndDelayedWorkStillRuns) {
+  FENNICK_RUN_IN_CHILD("Source.InsideDescriptorExhaustion", {});
+}
+
+// A fresh process (no reactor yet) with every descriptor taken: the reactor
+// cannot start, which must not end the process.
+TEST(Source, InsideDescriptorExhaustion) {
+  FENNICK_ONLY_IN_CHILD();
+  auto queue = Queue::createSerial("source.exhausted");
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  const rlimit limit{64, 64};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> filler;
+  for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) filler.push_back(fd);
+  ASSERT_EQ(errno, EMFILE);
+  // Room for the duplicate only, not for the reactor's descriptors.
+  close(filler.back());
+  filler.pop_back();
+
+  EXPECT_EQ(Source::createRead(pipeFds[0], queue), nullptr);
+  EXPECT_EQ(Source::createTimer(queue), nullptr);
+  auto ran = std::make_shared<std::atomic<int>>(0);
+  const auto start = std::chrono::steady_clock::now();
+  queue->after(Time::after(std::chrono::milliseconds(20)), [ran] { ran->fetch_add(1); });
+  queue->after(Time(std::chrono::system_clock::now() + std::chrono::milliseconds(20)), [ran] { ran->fetch_add(1); });
+  EXPECT_TRUE(eventually([&] { return ran->load() == 2; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
+  for (int fd : filler) close(fd);
+  close(pipeFds[0]);
+  close(pipeFds[1]);
 }
 
 TEST(SourceDeathTest, MisuseAborts) {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <system_error>
 
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 #include "fennick/Dispatch/Source.h"
@@ -52,33 +53,38 @@ std::int64_t nanosecondsOf(Time when) {
 Reactor::Core::Core() {
   epoll = epoll_create1(EPOLL_CLOEXEC);
   wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (epoll < 0 || wake < 0) fail("cannot create the event reactor's descriptors");
+  if (epoll < 0 || wake < 0) return;
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.u64 = 0;
-  if (epoll_ctl(epoll, EPOLL_CTL_ADD, wake, &event) != 0) fail("cannot set up the event reactor");
+  ready = epoll_ctl(epoll, EPOLL_CTL_ADD, wake, &event) == 0;
 }
 
 Reactor::Core::~Core() {
   for (int timer : timers) {
     if (timer >= 0) close(timer);
   }
-  close(wake);
-  close(epoll);
+  if (wake >= 0) close(wake);
+  if (epoll >= 0) close(epoll);
 }
 
 Ref<Reactor> Reactor::acquire() {
   Registry& shared = registry();
   std::lock_guard lock(shared.mutex);
   Ref<Reactor> reactor = shared.current.lock();
-  if (!reactor) {
-    reactor = std::make_shared<Reactor>();
-    shared.current = reactor;
+  if (reactor) return reactor;
+  auto core = std::make_shared<Core>();
+  if (!core->ready) return nullptr;
+  try {
+    reactor = std::make_shared<Reactor>(std::move(core));
+  } catch (const std::system_error&) {
+    return nullptr;  // no thread to run it on
   }
+  shared.current = reactor;
   return reactor;
 }
 
-Reactor::Reactor() : core_(std::make_shared<Core>()) {
+Reactor::Reactor(Ref<Core> core) : core_(std::move(core)) {
   thread_ = std::thread([core = core_] { loop(core); });
   pthread_setname_np(thread_.native_handle(), "fennick-reactor");
 }
@@ -151,25 +157,51 @@ void Reactor::loop(const Ref<Core>& core) {
 
 void Reactor::submitAt(Time when, Ref<QueueCore> queue, WorkItem* item) {
   Ref<Reactor> reactor = acquire();
-  Core& core = *reactor->core_;
+  if (!reactor || !reactor->schedule(when, queue, item)) waitOnThread(when, std::move(queue), item);
+}
+
+bool Reactor::schedule(Time when, Ref<QueueCore>& queue, WorkItem* item) {
+  Core& core = *core_;
   const int clock = when.isWallClock() ? kWallClock : 0;
   std::lock_guard lock(core.mutex);
   if (core.timers[clock] < 0) {
     const int timer = timerfd_create(clock == kWallClock ? CLOCK_REALTIME : CLOCK_MONOTONIC,
                                      TFD_NONBLOCK | TFD_CLOEXEC);
+    if (timer < 0) return false;
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = static_cast<std::uint64_t>(clock) + 1;
-    if (timer < 0 || epoll_ctl(core.epoll, EPOLL_CTL_ADD, timer, &event) != 0) {
-      fail("cannot create a timer for delayed work on queue", queue->label().c_str());
+    if (epoll_ctl(core.epoll, EPOLL_CTL_ADD, timer, &event) != 0) {
+      close(timer);
+      return false;
     }
     core.timers[clock] = timer;
   }
   std::vector<Delayed>& heap = core.delayed[clock];
   heap.push_back(Delayed{nanosecondsOf(when), core.delayedOrder++, std::move(queue), item});
   std::push_heap(heap.begin(), heap.end(), Later{});
-  if (!core.keeper) core.keeper = std::move(reactor);
+  if (!core.keeper) core.keeper = shared_from_this();
   if (heap.front().item == item) armLocked(core, clock);
+  return true;
+}
+
+void Reactor::waitOnThread(Time when, Ref<QueueCore> queue, WorkItem* item) {
+  // Out of descriptors the reactor cannot keep the deadline, but delayed
+  // work cannot fail: a thread of its own (which needs no descriptor) sleeps
+  // until then. Only with neither a descriptor nor a thread is there no way
+  // left to honour the delay.
+  try {
+    std::thread([when, queue = std::move(queue), item] {
+      if (when.isWallClock()) {
+        std::this_thread::sleep_until(when.toSystem());
+      } else {
+        std::this_thread::sleep_until(when.toSteady());
+      }
+      queue->enqueue(item, true);
+    }).detach();
+  } catch (const std::system_error&) {
+    fail("cannot wait for delayed work without a descriptor or a thread");
+  }
 }
 
 void Reactor::armLocked(Core& core, int clock) {

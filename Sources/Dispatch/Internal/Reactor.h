@@ -9,6 +9,9 @@
 // It also holds the work submitted with Queue::after(): one heap of deadlines
 // per clock behind one timer descriptor per clock, so a delay costs neither a
 // thread nor a descriptor. While such work waits, the reactor keeps itself.
+//
+// Out of descriptors, no reactor can be started: sources cannot be made then
+// (their factories answer nil), and delayed work waits on a thread of its own.
 #include <sys/epoll.h>
 
 #include <atomic>
@@ -30,12 +33,15 @@ namespace fennick::dispatch::internal {
 class QueueCore;
 struct WorkItem;
 
-class Reactor {
+class Reactor : public std::enable_shared_from_this<Reactor> {
+  struct Core;
+
  public:
-  /// The running reactor, started if there is none.
+  /// The running reactor, started if there is none; nil when none can be
+  /// started (no descriptor or thread left).
   static Ref<Reactor> acquire();
 
-  Reactor();
+  explicit Reactor(Ref<Core> core);
   ~Reactor();
   Reactor(const Reactor&) = delete;
   Reactor& operator=(const Reactor&) = delete;
@@ -66,10 +72,11 @@ class Reactor {
   static constexpr std::uint64_t kFirstSourceId = 3;
 
   struct Core {
-    Core();
+    Core();  // check `ready`: out of descriptors it is not
     ~Core();
     int epoll = -1;
     int wake = -1;  // eventfd registered with id 0
+    bool ready = false;
     std::atomic<bool> stopping{false};
     std::mutex mutex;  // guards the members below
     std::unordered_map<std::uint64_t, WeakRef<Source>> sources;
@@ -80,6 +87,10 @@ class Reactor {
     Ref<Reactor> keeper;  // set while delayed work waits
   };
 
+  /// Adds delayed work to the heap of its clock; false when the clock's timer
+  /// descriptor cannot be made.
+  bool schedule(Time when, Ref<QueueCore>& queue, WorkItem* item);
+  static void waitOnThread(Time when, Ref<QueueCore> queue, WorkItem* item);
   static void loop(const Ref<Core>& core);
   static void fireDelayed(Core& core, int clock);
   static void armLocked(Core& core, int clock);
