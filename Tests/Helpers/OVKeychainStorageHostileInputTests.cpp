@@ -25,7 +25,7 @@ constexpr std::string_view kCanaryValue = "canary secret";
 TEST_F(OVKeychainStorageHostileInputTest, KeysAndNamesThatAreNotCleanUTF8NameNoItem) {
   const std::string service(kCanaryService), key(kCanaryKey);
   const std::string longText = std::string(64 * 1024 - 3, 'k') + "\xe2\x82\xac";  // 64 KiB ending in a 3-byte character
-  std::vector<std::uint8_t> large(6 << 20);
+  std::vector<std::uint8_t> large(4 << 20);
   for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<std::uint8_t>(i * 2654435761u >> 11);
   const struct {
     const char* what;
@@ -50,7 +50,7 @@ TEST_F(OVKeychainStorageHostileInputTest, KeysAndNamesThatAreNotCleanUTF8NameNoI
       {"64 KiB key", service, longText, true},
       {"64 KiB name", longText, key, true},
       {"value of 0 bytes", service, "empty-value", true, {}},
-      {"value of 6 MiB", service, "large-value", true, large},
+      {"value of 4 MiB", service, "large-value", true, large},
   };
 
   const auto canary = OVKeychainStorage::storageWithName(String::string(kCanaryService));
