@@ -148,10 +148,19 @@ TEST_F(OVKeychainStorageDaemonTest, OutOfDescriptors) {
 }
 
 // Fills the descriptor table (under a lowered limit) and frees it again.
+// Under a sanitizer two stay free: UBSan checks a vtable pointer by writing
+// the memory to a pipe, and would take a full table for a broken object.
+// Two are still fewer than a keyring call needs to set itself up.
 class DescriptorFiller {
  public:
   DescriptorFiller() {
     for (int descriptor; (descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) held_.push_back(descriptor);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    for (int i = 0; i < 2 && !held_.empty(); ++i) {
+      close(held_.back());
+      held_.pop_back();
+    }
+#endif
   }
   ~DescriptorFiller() {
     for (const int descriptor : held_) close(descriptor);
