@@ -50,12 +50,14 @@ Kind kindOf(const GError* error) {
   return unreachable ? Kind::unavailable : Kind::failed;
 }
 
-// libsecret keeps one session with the daemon for the process. A daemon that
-// was restarted since does not know it and refuses every call made in it
-// before doing anything, with an error of its own that GIO does not know
-// (gnome-keyring's org.freedesktop.Secret.Error.NoSession; libsecret strips
-// the name). Such a call is worth making once more, in a new session; calls
-// are look-ups, replacements and deletions, so making one twice does no harm.
+// libsecret keeps one service object for the process, with its connection
+// to the bus and its session with the daemon; it follows the daemon's name
+// from owner to owner by itself. A daemon that was restarted does not know
+// the session, though, and refuses every call made in it before doing
+// anything, with an error of its own that GIO does not know (gnome-keyring's
+// org.freedesktop.Secret.Error.NoSession; libsecret strips the name). Such a
+// call is worth making once more, with a new service object; calls are
+// look-ups, replacements and deletions, so making one twice does no harm.
 bool mayBeLostSession(const GError* error) { return g_error_matches(error, G_IO_ERROR, G_IO_ERROR_DBUS_ERROR); }
 
 // What one attempt of a call came to, read on the call thread.
@@ -65,18 +67,18 @@ struct Attempt {
   bool sessionLost = false;
 };
 
-// The error of a failed call. After a failure other than a refusal of a
-// daemon that knew our session, the shared connection to the service may
-// hold a session of a daemon that is gone, stuck or restarted: it is
-// dropped, and the next call starts over with whatever answers then. The
-// service's message is dropped too: it may quote the attributes.
+// The error of a failed call. The service object is dropped, and made anew
+// by the next call, only when it cannot serve any more: its session lost, or
+// its bus connection closed. After other failures (no daemon, a daemon
+// killed or stuck) it stays: dropping it would close and reopen the bus
+// connection with every call while no daemon answers. The service's message
+// is dropped here: it may quote the attributes.
 template <class Outcome>
 Attempt<Outcome> failedAttempt(GError* raw, Outcome (*outcomeOf)(SecretServiceError)) {
   const ErrorPtr error(raw);
-  const Kind kind = kindOf(error.get());
   const bool sessionLost = mayBeLostSession(error.get());
-  if (kind != Kind::failed || sessionLost) secret_service_disconnect();
-  return {outcomeOf({kind}), sessionLost};
+  if (sessionLost || g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CLOSED)) secret_service_disconnect();
+  return {outcomeOf({kindOf(error.get())}), sessionLost};
 }
 
 using OptionalError = std::optional<SecretServiceError>;

@@ -26,7 +26,9 @@ class HeldCall {
       held->started.set_value();
     };
   }
-  void waitUntilStarted() { ASSERT_EQ(held_->started.get_future().wait_for(30s), std::future_status::ready); }
+  bool waitUntilStarted(std::chrono::milliseconds timeout = 30s) {
+    return held_->hasStarted.wait_for(timeout) == std::future_status::ready;
+  }
   bool isCancelled() {
     const std::lock_guard lock(held_->mutex);
     return held_->cancellable && g_cancellable_is_cancelled(held_->cancellable);
@@ -48,18 +50,31 @@ class HeldCall {
     GTask* task = nullptr;
     GCancellable* cancellable = nullptr;
     std::promise<void> started;
+    std::shared_future<void> hasStarted = started.get_future().share();
   };
   std::shared_ptr<Held> held_ = std::make_shared<Held>();
 };
 
+// A call that keeps the call thread busy until `released` is ready, then
+// answers at once.
+GLibCallThread::Start blockUntil(std::shared_future<void> released, std::shared_ptr<std::promise<void>> blocking) {
+  return [released, blocking](GCancellable*, GAsyncReadyCallback callback, gpointer data) {
+    blocking->set_value();
+    released.wait();
+    GTask* task = g_task_new(nullptr, nullptr, callback, data);
+    g_task_return_int(task, 1);
+    g_object_unref(task);
+  };
+}
+
 // Reads the result the way a finish function does, and says when it ran.
-std::function<gssize(GAsyncResult*)> readInt(std::shared_ptr<std::promise<gssize>> read) {
+std::function<gssize(GAsyncResult*)> readInt(std::shared_ptr<std::promise<gssize>> read = {}) {
   return [read](GAsyncResult* result) {
     GError* error = nullptr;
     const gssize value = g_task_propagate_int(G_TASK(result), &error);
     const gssize outcome = error ? -1 : value;
     if (error) g_error_free(error);
-    read->set_value(outcome);
+    if (read) read->set_value(outcome);
     return outcome;
   };
 }
@@ -67,26 +82,45 @@ std::function<gssize(GAsyncResult*)> readInt(std::shared_ptr<std::promise<gssize
 TEST(GLibCallThreadTest, WaitsEndAtTheirDeadlineAndLateResultsAreDropped) {
   GLibCallThread* thread = GLibCallThread::shared();
   ASSERT_NE(thread, nullptr);
+  HeldCall warmUp;
+  auto warmedUp = std::async(std::launch::async,
+                             [&] { return thread->call<gssize>(warmUp.start(), readInt(), Clock::now() + 60s); });
+  ASSERT_TRUE(warmUp.waitUntilStarted());
+  warmUp.complete();
+  ASSERT_EQ(warmedUp.get(), std::optional<gssize>(7));
 
-  // A call that does not complete ends at its deadline, cancelled.
+  // A call that started and does not complete ends at its deadline, cancelled
+  // (the deadline leaves an idle call thread ample time to start it).
   HeldCall abandoned;
   auto abandonedRead = std::make_shared<std::promise<gssize>>();
   const auto started = Clock::now();
-  EXPECT_EQ(thread->call<gssize>(abandoned.start(), readInt(abandonedRead), started + 200ms), std::nullopt);
-  EXPECT_GE(Clock::now() - started, 200ms);
-  abandoned.waitUntilStarted();
+  EXPECT_EQ(thread->call<gssize>(abandoned.start(), readInt(abandonedRead), started + 500ms), std::nullopt);
+  EXPECT_GE(Clock::now() - started, 500ms);
+  ASSERT_TRUE(abandoned.waitUntilStarted(0ms));
   EXPECT_TRUE(abandoned.isCancelled());
 
-  // While it is still out, the calls after it are answered.
-  HeldCall answered;
-  auto answer = std::async(std::launch::async, [&] {
-    return thread->call<gssize>(answered.start(), readInt(std::make_shared<std::promise<gssize>>()),
-                                Clock::now() + 60s);
+  // While the call thread is busy, a call ends at its deadline all the same,
+  // and is not started once its caller left.
+  std::promise<void> release;
+  auto blocking = std::make_shared<std::promise<void>>();
+  auto blocker = std::async(std::launch::async, [&] {
+    return thread->call<gssize>(blockUntil(release.get_future().share(), blocking), readInt(), Clock::now() + 60s);
   });
-  answered.waitUntilStarted();
+  ASSERT_EQ(blocking->get_future().wait_for(30s), std::future_status::ready);
+  HeldCall neverStarted;
+  EXPECT_EQ(thread->call<gssize>(neverStarted.start(), readInt(), Clock::now() + 50ms), std::nullopt);
+  release.set_value();
+  EXPECT_EQ(blocker.get(), std::optional<gssize>(1));
+
+  // While the abandoned call is still out, the calls after it are answered;
+  // the thread came to the one that was left before it came to this one.
+  HeldCall answered;
+  auto answer = std::async(std::launch::async,
+                           [&] { return thread->call<gssize>(answered.start(), readInt(), Clock::now() + 60s); });
+  ASSERT_TRUE(answered.waitUntilStarted());
   answered.complete();
-  ASSERT_EQ(answer.wait_for(30s), std::future_status::ready);
   EXPECT_EQ(answer.get(), std::optional<gssize>(7));
+  EXPECT_FALSE(neverStarted.waitUntilStarted(0ms));
 
   // The abandoned call completes after its caller left: it is read on the
   // call thread, as cancelled, into state that is still there.

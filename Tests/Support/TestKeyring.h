@@ -50,9 +50,9 @@ class TestKeyring {
 
   ~TestKeyring() {
     secret_service_disconnect();
-    keepProcessWhenBusCloses();
     stopDaemon();
     stop(bus_);
+    if (busConnection_) g_object_unref(busConnection_);
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
   }
@@ -148,19 +148,12 @@ class TestKeyring {
     if (address.empty()) throw std::runtime_error("dbus-daemon did not start");
     busAddress_ = address;
     setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    keepProcessWhenBusCloses();
-  }
-
-  // The process's shared bus connection must survive the bus going away at
-  // exit instead of ending the process. It is made anew whenever the last
-  // reference to it went (libsecret drops its own after a failed call), and
-  // a new one ends the process again: checked at start and before the bus
-  // stops.
-  static void keepProcessWhenBusCloses() {
-    if (GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
-      g_dbus_connection_set_exit_on_close(bus, FALSE);
-      g_object_unref(bus);
-    }
+    // The process keeps its shared bus connection, as a program with a main
+    // loop does, so that libsecret shares it instead of connecting anew after
+    // it dropped its own state; and the connection must survive the bus
+    // going away at exit instead of ending the process.
+    busConnection_ = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    if (busConnection_) g_dbus_connection_set_exit_on_close(busConnection_, FALSE);
   }
 
   // Starts a program found on PATH with the given standard input and output
@@ -203,6 +196,7 @@ class TestKeyring {
 
   std::filesystem::path root_;
   std::string busAddress_;
+  GDBusConnection* busConnection_ = nullptr;
   pid_t bus_ = -1;
   pid_t daemon_ = -1;
 };
