@@ -34,8 +34,9 @@ Ref<OVKeychainStorage> OVKeychainStorage::initWithName(const Ref<String>& name) 
 Ref<OVKeychainStorage> OVKeychainStorage::storageWithName(const Ref<String>& name) { return initWithName(name); }
 
 // Every failure of the keyring counts alike, whatever its cause (a refused
-// key, no bus, no daemon, no answer in time): a look-up that failed means
-// "not there", so bytes are added and there is nothing to delete. The lines
+// key, no bus, no daemon, no answer in time; a store whose name was set to
+// nil, which names no item): a look-up that failed means "not there", so
+// bytes are added and there is nothing to delete. The lines
 // logged are fixed texts; neither the key, the name nor the keyring's own
 // message, which may quote them, reaches the log.
 bool OVKeychainStorage::setData_forKey(const Ref<Data>& data, std::string_view key) {
