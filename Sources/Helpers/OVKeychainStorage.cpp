@@ -15,20 +15,10 @@ FENNICK_DEFINE_CLASS(OVKeychainStorage) { builder.property("name", &OVKeychainSt
 
 namespace {
 
-using platform::SecretServiceError;
-
-// Logs the line of a failed call: why the service could not be reached, or
-// the operation's own line when the service answered with a refusal.
-void logFailure(const SecretServiceError& error, std::string_view operationLine) {
-  if (error.kind == SecretServiceError::Kind::unavailable)
-    OVLog("The secret service is unavailable: {}", error.message);
-  else
-    OVLog("{}", operationLine);
-}
-
-// What keyring managers show for an item: the key, then the store.
-std::string itemLabel(const String& service, std::string_view key) {
-  return fmt::format("{} ({})", key, service.view());
+// What keyring managers show for an item: the key, then the store. Stored
+// with the item, never logged.
+std::string itemLabel(std::string_view service, std::string_view key) {
+  return fmt::format("{} ({})", key, service);
 }
 
 }  // namespace
@@ -43,36 +33,30 @@ Ref<OVKeychainStorage> OVKeychainStorage::initWithName(const Ref<String>& name) 
 
 Ref<OVKeychainStorage> OVKeychainStorage::storageWithName(const Ref<String>& name) { return initWithName(name); }
 
+// Every failure of the keyring counts alike, whatever its cause (a refused
+// key, no bus, no daemon, no answer in time; a store whose name was set to
+// nil, which names no item): a look-up that failed means "not there", so
+// bytes are added and there is nothing to delete. The lines
+// logged are fixed texts; neither the key, the name nor the keyring's own
+// message, which may quote them, reaches the log.
 bool OVKeychainStorage::setData_forKey(const Ref<Data>& data, std::string_view key) {
   const Ref<String> service = name();
-  const platform::SecretService secrets;
-  const platform::SecretLookup existing = secrets.lookup(service->view(), key);
-  const bool found = existing.value.has_value();
-  if (existing.error && existing.error->kind == SecretServiceError::Kind::unavailable) {
-    logFailure(*existing.error, {});
+  const platform::SecretService secrets;  // one deadline for the look-up and the change
+  const bool found = service && secrets.lookup(service->view(), key).value.has_value();
+  if (!data) {
+    if (!found || !secrets.remove(service->view(), key)) return true;
+    OVLog("Could not delete keychain item");
     return false;
   }
-  // A look-up that failed for another reason counts as "not there": bytes are
-  // added, and there is nothing to delete.
-  if (!data && !found) return true;
-
-  std::optional<SecretServiceError> error;
-  std::string_view operationLine;
-  if (data) {
-    error = secrets.store(service->view(), key, itemLabel(*service, key), data->span());
-    operationLine = found ? "Could not update keychain item" : "Could not add keychain item";
-  } else {
-    error = secrets.remove(service->view(), key);
-    operationLine = "Could not delete keychain item";
-  }
-  if (!error) return true;
-  logFailure(*error, operationLine);
+  if (service && !secrets.store(service->view(), key, itemLabel(service->view(), key), data->span())) return true;
+  OVLog("{}", found ? "Could not update keychain item" : "Could not add keychain item");
   return false;
 }
 
 Ref<Data> OVKeychainStorage::dataForKey(std::string_view key) const {
-  platform::SecretLookup found = platform::SecretService().lookup(name()->view(), key);
-  if (found.error && found.error->kind == SecretServiceError::Kind::unavailable) logFailure(*found.error, {});
+  const Ref<String> service = name();
+  if (!service) return nullptr;
+  platform::SecretLookup found = platform::SecretService().lookup(service->view(), key);
   if (!found.value) return nullptr;
   return Data::dataWithBytes(std::move(*found.value));
 }

@@ -16,13 +16,27 @@
 // keyring, synchronously on the caller's thread, and two stores with the same
 // name see the same items. Calls may be made from any thread at once.
 //
-// Failures are answered with false (writes) or nil (reads) and one logged
-// line: "Could not add keychain item", "Could not update keychain item",
-// "Could not delete keychain item", or, when no Secret Service can be reached
-// (no session bus, no keyring daemon, no answer within ten seconds, for
-// instance a keyring waiting on an unlock prompt nobody can answer), "The
-// secret service is unavailable: " and the reason. Nothing is then written
-// anywhere else.
+// Every operation answers within platform::SecretService::defaultTimeout()
+// (ten seconds unless the program set another), the look-up and the change
+// of a write together, whatever the keyring does: no session bus, no keyring
+// daemon, a daemon that stopped answering, a keyring waiting on an unlock
+// prompt nobody can answer. A write abandoned at the deadline may still take
+// effect later if the daemon was only slow.
+//
+// Failures are answered with false (writes) or nil (reads), and every failure
+// counts alike: a look-up that fails, for whatever reason, means "not there".
+// So a write of bytes then tries to add the item and, when that fails too,
+// logs "Could not add keychain item" and answers false; a write of nil has
+// nothing to delete and answers true. A failed change of an item that was
+// found logs "Could not update keychain item" or "Could not delete keychain
+// item". Reads log nothing. The lines are fixed texts: no key, name, value or
+// message of the keyring (which may quote them) reaches the log.
+//
+// Keys and names travel to the keyring as C strings. One that is not valid
+// UTF-8, or that holds a NUL byte (which would cut it short, so that
+// "token\0alice" and "token\0bob" would name one item), names no item: it is
+// never sent, reads of it answer nil, writes of bytes false, writes of nil
+// true.
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Object.h"
 #include "fennick/Runtime/String.h"

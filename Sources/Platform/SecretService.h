@@ -10,11 +10,19 @@
 // stored. Values are stored as bytes (content type application/octet-stream)
 // and read back as bytes whatever their content type.
 //
-// Every call is synchronous on the caller's thread and bounded in time: it
-// runs its own short main loop and gives up after `timeout` (a keyring that
-// wants to show an unlock prompt nobody can answer, a daemon that stopped
-// answering). The class holds no state besides the timeout and is
-// thread-safe; calls from several threads proceed in parallel.
+// Services and accounts travel as C strings and must be valid UTF-8: one that
+// is not, or that holds a NUL byte (which would cut it short, so that
+// "token\0alice" and "token\0bob" named one item), is refused before anything
+// is asked, with the error `invalidAttributes`.
+//
+// Calls are synchronous for the caller and bounded in time: each object is
+// one budget of time, and every call made through it answers by the object's
+// deadline, whatever the keyring does (a daemon that stopped answering, an
+// unlock prompt nobody can answer). The calls themselves run on one thread of
+// the library that serves libsecret's main context; at the deadline a call is
+// cancelled and abandoned. A write that was abandoned may still take effect
+// if the daemon was only slow. Thread-safe: calls from several threads
+// proceed in parallel.
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -25,13 +33,26 @@
 
 namespace fennick::platform {
 
-/// Why a call failed: `unavailable` when no Secret Service could be reached
-/// (no session bus, no keyring daemon, no answer in time); `failed` when the
-/// service answered with an error (a locked collection, a dismissed prompt).
+/// Why a call failed. The error carries no text of the service's own: its
+/// messages may quote the attributes (the key, the service name).
 struct SecretServiceError {
-  enum class Kind { unavailable, failed };
+  enum class Kind {
+    /// The service, the account or the label is not valid UTF-8 or holds a
+    /// NUL byte.
+    invalidAttributes,
+    /// No Secret Service could be reached: no session bus, no keyring
+    /// daemon, the connection lost, or no descriptors or threads to spare.
+    unavailable,
+    /// No answer before the deadline.
+    timedOut,
+    /// The service answered with an error (a locked collection, a dismissed
+    /// prompt).
+    failed,
+  };
   Kind kind;
-  std::string message;
+
+  /// A fixed text naming the kind.
+  std::string_view description() const noexcept;
 };
 
 /// The outcome of a look-up: the bytes, or neither bytes nor error when no
@@ -43,9 +64,23 @@ struct SecretLookup {
 
 class SecretService {
  public:
-  static constexpr std::chrono::milliseconds defaultTimeout{10000};
+  /// Ten seconds: long enough for a keyring daemon that is being started,
+  /// short enough that a program waiting on a keyring that cannot answer
+  /// gives up.
+  static constexpr std::chrono::milliseconds kStandardTimeout{10000};
 
-  explicit SecretService(std::chrono::milliseconds timeout = defaultTimeout) : timeout_(timeout) {}
+  /// The budget of objects made without one: kStandardTimeout unless a
+  /// program (a test) set another. Thread-safe.
+  static std::chrono::milliseconds defaultTimeout() noexcept;
+  /// Sets the default budget and returns the one it replaces.
+  static std::chrono::milliseconds setDefaultTimeout(std::chrono::milliseconds timeout) noexcept;
+
+  /// Whether `text` can be a service or an account: valid UTF-8 without NUL.
+  static bool isValidAttribute(std::string_view text) noexcept;
+
+  /// Every call made through this object answers within `timeout` from now.
+  explicit SecretService(std::chrono::milliseconds timeout = defaultTimeout())
+      : deadline_(std::chrono::steady_clock::now() + timeout) {}
 
   SecretLookup lookup(std::string_view service, std::string_view account) const;
   /// Adds the item, or replaces the value of the item already there. `label`
@@ -56,7 +91,7 @@ class SecretService {
   std::optional<SecretServiceError> remove(std::string_view service, std::string_view account) const;
 
  private:
-  std::chrono::milliseconds timeout_;
+  std::chrono::steady_clock::time_point deadline_;
 };
 
 }  // namespace fennick::platform

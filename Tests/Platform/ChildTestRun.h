@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 extern char** environ;
@@ -46,7 +47,16 @@ inline ChildRun runTestInChild(const std::string& testName, const ChildSetup& se
   const std::string marker = std::string(kChildTestVariable) + "=1";
   std::vector<char*> arguments = {const_cast<char*>("/proc/self/exe"), const_cast<char*>(filter.c_str()), nullptr};
   std::vector<char*> environment;
-  for (char** variable = environ; *variable; ++variable) environment.push_back(*variable);
+  // A variable of the setup replaces the inherited one: getenv() finds the
+  // first of two.
+  auto nameOf = [](std::string_view variable) { return variable.substr(0, variable.find('=')); };
+  auto overridden = [&](std::string_view variable) {
+    for (const std::string& own : setup.environment)
+      if (nameOf(own) == nameOf(variable)) return true;
+    return false;
+  };
+  for (char** variable = environ; *variable; ++variable)
+    if (!overridden(*variable)) environment.push_back(*variable);
   for (const std::string& variable : setup.environment) environment.push_back(const_cast<char*>(variable.c_str()));
   environment.push_back(const_cast<char*>(marker.c_str()));
   environment.push_back(nullptr);

@@ -9,6 +9,10 @@
 // stop when the process exits. The bus configuration has no service
 // directories, so a stopped keyring daemon stays stopped until
 // startDaemon() runs it again.
+//
+// SecretCallMonitor watches the bus for calls that reach the keyring daemon,
+// so that a test can act once a call is under way (pause the daemon, call,
+// wait for the monitor, kill the daemon) instead of sleeping.
 #include <gio/gio.h>
 #include <libsecret/secret.h>
 
@@ -19,9 +23,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -45,12 +52,37 @@ class TestKeyring {
     secret_service_disconnect();
     stopDaemon();
     stop(bus_);
+    if (busConnection_) g_object_unref(busConnection_);
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
   }
 
   /// Stops the keyring daemon and waits until it has exited.
   void stopDaemon() { stop(daemon_); }
+
+  /// Stops the daemon in its tracks (SIGSTOP) and waits until it is stopped:
+  /// it stays on the bus, and calls to it wait for an answer that comes only
+  /// after resumeDaemon(), or never once killDaemon() ran.
+  void pauseDaemon() {
+    if (daemon_ <= 0) return;
+    kill(daemon_, SIGSTOP);
+    int status = 0;
+    while (waitpid(daemon_, &status, WUNTRACED) < 0 && errno == EINTR) {
+    }
+  }
+
+  void resumeDaemon() {
+    if (daemon_ > 0) kill(daemon_, SIGCONT);
+  }
+
+  /// Kills the daemon (SIGKILL), paused or not, without letting it leave the
+  /// bus in order, and waits until it is gone.
+  void killDaemon() {
+    if (daemon_ <= 0) return;
+    kill(daemon_, SIGKILL);
+    exitStatus(daemon_);
+    daemon_ = -1;
+  }
 
   /// Starts the keyring daemon (again) and waits until it answers on the bus.
   void startDaemon() {
@@ -71,6 +103,7 @@ class TestKeyring {
   }
 
   const std::filesystem::path& root() const { return root_; }
+  const std::string& busAddress() const { return busAddress_; }
 
   TestKeyring(const TestKeyring&) = delete;
   TestKeyring& operator=(const TestKeyring&) = delete;
@@ -113,13 +146,14 @@ class TestKeyring {
     while (read(output[0], &c, 1) == 1 && c != '\n') address += c;
     close(output[0]);
     if (address.empty()) throw std::runtime_error("dbus-daemon did not start");
+    busAddress_ = address;
     setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    // The process's shared bus connection must survive the bus going away at
-    // exit instead of ending the process.
-    if (GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
-      g_dbus_connection_set_exit_on_close(bus, FALSE);
-      g_object_unref(bus);
-    }
+    // The process keeps its shared bus connection, as a program with a main
+    // loop does, so that libsecret shares it instead of connecting anew after
+    // it dropped its own state; and the connection must survive the bus
+    // going away at exit instead of ending the process.
+    busConnection_ = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    if (busConnection_) g_dbus_connection_set_exit_on_close(busConnection_, FALSE);
   }
 
   // Starts a program found on PATH with the given standard input and output
@@ -155,13 +189,95 @@ class TestKeyring {
   static void stop(pid_t& pid) {
     if (pid <= 0) return;
     kill(pid, SIGTERM);
+    kill(pid, SIGCONT);  // a paused process takes SIGTERM only once resumed
     exitStatus(pid);
     pid = -1;
   }
 
   std::filesystem::path root_;
+  std::string busAddress_;
+  GDBusConnection* busConnection_ = nullptr;
   pid_t bus_ = -1;
   pid_t daemon_ = -1;
+};
+
+/// Counts the method calls made to the keyring daemon's objects on a bus,
+/// from a monitoring connection of its own (org.freedesktop.DBus.Monitoring).
+class SecretCallMonitor {
+ public:
+  /// Starts monitoring; throws std::runtime_error when the bus refuses.
+  explicit SecretCallMonitor(const std::string& busAddress) : seen_(std::make_shared<Seen>()) {
+    GError* error = nullptr;
+    connection_ = g_dbus_connection_new_for_address_sync(
+        busAddress.c_str(),
+        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (!connection_) throw failure("could not connect a monitor to the test bus", error);
+    g_dbus_connection_set_exit_on_close(connection_, FALSE);
+    filter_ = g_dbus_connection_add_filter(connection_, &SecretCallMonitor::filter, new std::shared_ptr<Seen>(seen_),
+                                           [](gpointer seen) { delete static_cast<std::shared_ptr<Seen>*>(seen); });
+    const char* rules[] = {"type='method_call',path_namespace='/org/freedesktop/secrets'", nullptr};
+    GVariant* reply = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
+                                                  g_variant_new("(^asu)", rules, 0u), nullptr,
+                                                  G_DBUS_CALL_FLAGS_NONE, 30000, nullptr, &error);
+    if (!reply) {
+      close();
+      throw failure("the test bus refused a monitor", error);
+    }
+    g_variant_unref(reply);
+  }
+
+  ~SecretCallMonitor() { close(); }
+  SecretCallMonitor(const SecretCallMonitor&) = delete;
+  SecretCallMonitor& operator=(const SecretCallMonitor&) = delete;
+
+  /// Waits until `count` calls have been seen since monitoring began; false
+  /// when `timeout` passed first.
+  bool waitForCalls(int count, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(seen_->mutex);
+    return seen_->changed.wait_for(lock, timeout, [&] { return seen_->calls >= count; });
+  }
+
+ private:
+  struct Seen {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int calls = 0;
+  };
+
+  // Runs on GDBus's thread. A monitor only listens: the calls it sees are
+  // dropped here, so that nothing tries to answer them.
+  static GDBusMessage* filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer data) {
+    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) return message;
+    Seen& seen = **static_cast<std::shared_ptr<Seen>*>(data);
+    {
+      const std::lock_guard lock(seen.mutex);
+      ++seen.calls;
+    }
+    seen.changed.notify_all();
+    g_object_unref(message);
+    return nullptr;
+  }
+
+  static std::runtime_error failure(const std::string& what, GError* error) {
+    const std::string reason = error ? error->message : "unknown reason";
+    if (error) g_error_free(error);
+    return std::runtime_error(what + ": " + reason);
+  }
+
+  void close() {
+    if (!connection_) return;
+    g_dbus_connection_remove_filter(connection_, filter_);
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    g_object_unref(connection_);
+    connection_ = nullptr;
+  }
+
+  std::shared_ptr<Seen> seen_;
+  GDBusConnection* connection_ = nullptr;
+  guint filter_ = 0;
 };
 
 }  // namespace fennick::testing
