@@ -99,18 +99,20 @@ TEST(OVFileMonitorTest, ObserverCallsFollowTheBitsInAFixedOrder) {
 TEST(OVFileMonitorTest, ReleasingTheMonitorReleasesItsWatch) {
   TemporaryFolder folder;
   ASSERT_TRUE(filetest::writeFile(folder / "file", "x"));
-  const int descriptors = filetest::descriptorBaseline();
-  const std::size_t watches = platform::vnodeWatchCount();
+  struct stat item {};
+  ASSERT_EQ(::stat((folder / "file").c_str(), &item), 0);
   auto observer = std::make_shared<FileObserverRecorder>();
   {
     auto monitor = OVFileMonitor::initWithURL(URL::fileURLWithPath(folder / "file"));
     ASSERT_NE(monitor, nullptr);
     monitor->addObserver(observer);
-    EXPECT_EQ(platform::vnodeWatchCount(), watches + 1);
-    EXPECT_TRUE(monitor->hasObservers());
+    EXPECT_EQ(filetest::descriptorsOnItem(item), 1);
+    ASSERT_TRUE(monitor->hasObservers());
+    ASSERT_TRUE(filetest::appendToFile(folder / "file", "more"));
+    EXPECT_TRUE(observer->waitFor("write " + folder / "file"));
   }
-  EXPECT_TRUE(testing::eventually([&] { return platform::vnodeWatchCount() == watches; }));
-  EXPECT_TRUE(testing::eventually([&] { return filetest::openDescriptorCount() == descriptors; }));
+  EXPECT_TRUE(testing::eventually([&] { return !filetest::isWatchedByInotify(item); }));
+  EXPECT_TRUE(testing::eventually([&] { return filetest::descriptorsOnItem(item) == 0; }));
 }
 
 }  // namespace
