@@ -23,6 +23,51 @@ void OVBlockBasedFileObserver::didChangeWithFlags_forURL(std::uintptr_t flags, c
   if ((flags & flags_) && block_) block_(flags);
 }
 
+// -- Relay from the monitors ---------------------------------------------------------
+
+namespace {
+
+// Each monitor keeps its observers alive. The manager would so be kept alive
+// by the monitors it owns; this stand-in forwards to it while it lives.
+class WeakManagerObserver final : public OVFileObserver {
+ public:
+  explicit WeakManagerObserver(const Ref<OVFileMonitoringManager>& manager) : manager_(manager) {}
+
+  void didChangeWithFlags_forURL(std::uintptr_t flags, const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didChangeWithFlags_forURL(flags, url);
+  }
+  void didInvalidateObservationOfFileAtURL(const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didInvalidateObservationOfFileAtURL(url);
+  }
+  void didDeleteFileAtURL_oldFilePathURL(const Ref<URL>& url, const Ref<URL>& oldFilePathURL) override {
+    if (auto manager = manager_.lock()) manager->didDeleteFileAtURL_oldFilePathURL(url, oldFilePathURL);
+  }
+  void didWriteToFileAtURL(const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didWriteToFileAtURL(url);
+  }
+  void didExtendFileAtURL(const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didExtendFileAtURL(url);
+  }
+  void didChangeAttributesOfFileAtURL(const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didChangeAttributesOfFileAtURL(url);
+  }
+  void didChangeLinkCountOfFileAtURL(const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didChangeLinkCountOfFileAtURL(url);
+  }
+  void didMoveFileAtURL_fromFilePathURL_toFilePathURL(const Ref<URL>& url, const Ref<URL>& from,
+                                                      const Ref<URL>& to) override {
+    if (auto manager = manager_.lock()) manager->didMoveFileAtURL_fromFilePathURL_toFilePathURL(url, from, to);
+  }
+  void didRevokeFileAtURL(const Ref<URL>& url) override {
+    if (auto manager = manager_.lock()) manager->didRevokeFileAtURL(url);
+  }
+
+ private:
+  const std::weak_ptr<OVFileMonitoringManager> manager_;
+};
+
+}  // namespace
+
 // -- Registration --------------------------------------------------------------------
 
 const Ref<OVFileMonitoringManager>& OVFileMonitoringManager::defaultMonitor() {
@@ -86,7 +131,9 @@ void OVFileMonitoringManager::_addObserver_monitoredURL_observedURL_isRecursive(
   OVAssertOnQueue(internalQueue_);
   Id monitor = fileMonitorsByMonitoredURL_->fetchOrCreateObjectForKey_creationBlock(monitoredURL, [&]() -> Id {
     auto created = OVFileMonitor::initWithURL(monitoredURL);
-    if (created) created->addObserver(strongSelf());
+    if (!created) return nullptr;
+    if (!monitorObserver_) monitorObserver_ = std::make_shared<WeakManagerObserver>(strongSelf());
+    created->addObserver(monitorObserver_);
     return created;
   });
   if (!monitor) return;
@@ -114,22 +161,18 @@ void OVFileMonitoringManager::_removeObserver_monitoredURL_observedURL_isRecursi
       if (observers->second.empty()) {
         // The entry goes with its last observer: its key, a reference URL,
         // holds the item open, and would keep a file system busy for good.
-        // For the same reason the item leaves the lists of every folder
-        // above it, also of folders it was moved out of, which the walk
-        // below no longer reaches; with no observer left it was heard by
-        // nobody there.
         fileObserversByObservedURL_.erase(observers);
-        for (auto& [folder, observedURLs] : observedURLsByMonitoredURLs_) observedURLs.erase(observedURL);
-        auto monitor = std::static_pointer_cast<OVFileMonitor>(fileMonitorsByMonitoredURL_->objectForKey(observedURL));
-        if (monitor) {
-          monitor->removeObserver(strongSelf());
-          if (!monitor->hasObservers()) fileMonitorsByMonitoredURL_->removeObjectForKey(observedURL);
-        }
+        forgetObservedURLInFolders(observedURL);
+        releaseMonitorIfUnused(observedURL);
       }
     }
   } else if (auto observed = observedURLsByMonitoredURLs_.find(monitoredURL);
              observed != observedURLsByMonitoredURLs_.end()) {
     observed->second.erase(observedURL);
+    if (observed->second.empty()) {
+      observedURLsByMonitoredURLs_.erase(observed);
+      releaseMonitorIfUnused(monitoredURL);
+    }
   }
 
   if (!isRecursive) return;
@@ -139,6 +182,31 @@ void OVFileMonitoringManager::_removeObserver_monitoredURL_observedURL_isRecursi
   if (!parent || monitoredURL->path() == "/") return;
   if (Ref<URL> parentReference = parent->fileReferenceURL())
     _removeObserver_monitoredURL_observedURL_isRecursive(observer, parentReference, observedURL, true);
+}
+
+// With no observer left the item was heard by nobody in its folders' lists,
+// also of folders it was moved out of, which the walk up from where it is now
+// no longer reaches.
+void OVFileMonitoringManager::forgetObservedURLInFolders(const Ref<URL>& observedURL) {
+  std::vector<Ref<URL>> unused;
+  for (auto folder = observedURLsByMonitoredURLs_.begin(); folder != observedURLsByMonitoredURLs_.end();) {
+    if (folder->second.erase(observedURL) && folder->second.empty()) {
+      unused.push_back(folder->first);
+      folder = observedURLsByMonitoredURLs_.erase(folder);
+    } else {
+      ++folder;
+    }
+  }
+  for (const Ref<URL>& folderURL : unused) releaseMonitorIfUnused(folderURL);
+}
+
+void OVFileMonitoringManager::releaseMonitorIfUnused(const Ref<URL>& monitoredURL) {
+  if (fileObserversByObservedURL_.contains(monitoredURL) || observedURLsByMonitoredURLs_.contains(monitoredURL))
+    return;
+  auto monitor = std::static_pointer_cast<OVFileMonitor>(fileMonitorsByMonitoredURL_->objectForKey(monitoredURL));
+  if (!monitor) return;
+  monitor->removeObserver(monitorObserver_);
+  if (!monitor->hasObservers()) fileMonitorsByMonitoredURL_->removeObjectForKey(monitoredURL);
 }
 
 // -- Fan-out --------------------------------------------------------------------------

@@ -16,11 +16,17 @@
 // a slow observer delays the others, and an observer must not wait for work
 // that needs the manager's queue.
 //
+// What is held lets go with the registrations: a monitor, with its watch and
+// the descriptor that keeps its item's file system busy, lives while its item
+// has an observer or a recursive registration below it still hears about it,
+// so a program that removed all its observers holds no watch and can unmount
+// the file systems it observed. Monitors do not keep their manager alive: a
+// manager of one's own stops watching once its last owner releases it.
+//
 // Kept as they are on purpose: a monitor's invalidation carries the item's
 // path URL, which keys nothing here, so observers of the manager never hear
-// one; folder monitors made for recursive registrations live as long as the
-// manager; and removing a recursive registration takes its item off a
-// folder's list even when another recursive registration of it remains.
+// one; and removing a recursive registration takes its item off a folder's
+// list even when another recursive registration of it remains.
 #include "fennick/Helpers/URLKey.h"
 #include "fennick/Helpers/OVFileMonitor.h"
 #include "fennick/Runtime/Dictionary.h"
@@ -68,7 +74,8 @@ class OVFileMonitoringManager : public Object, public OVFileObserver {
  public:
   /// The shared manager, made on first use and never destroyed.
   static const Ref<OVFileMonitoringManager>& defaultMonitor();
-  /// An independent manager.
+  /// An independent manager. Releasing it ends its watches; its observers
+  /// hear nothing more.
   static Ref<OVFileMonitoringManager> init();
 
   /// Registers `observer` (kept alive until removed) for the item `url` names
@@ -122,10 +129,18 @@ class OVFileMonitoringManager : public Object, public OVFileObserver {
   using URLSet = std::unordered_set<Ref<URL>, URLKeyHash, URLKeyEqual>;
 
   Ref<OVFileMonitoringManager> strongSelf();
+  /// Ends the watch of `monitoredURL` when no registration uses it any more.
+  void releaseMonitorIfUnused(const Ref<URL>& monitoredURL);
+  /// Takes `observedURL` off the lists of every folder above it, wherever it
+  /// moved since, and lets go of the folders that no registration uses now.
+  void forgetObservedURLInFolders(const Ref<URL>& observedURL);
   /// Runs `relay` on the internal queue for every observer the fan-out reaches.
   void relay(const Ref<URL>& url, bool related,
              std::function<void(OVFileObserver& observer, const Ref<URL>& observedURL)> call);
 
+  // The manager's stand-in among each monitor's observers: it holds the
+  // manager weakly, so that monitors do not keep their manager alive.
+  Ref<OVFileObserver> monitorObserver_;
   const Ref<Dictionary> fileMonitorsByMonitoredURL_;
   std::unordered_map<Ref<URL>, ObserverSet, URLKeyHash, URLKeyEqual> fileObserversByObservedURL_;
   std::unordered_map<Ref<URL>, URLSet, URLKeyHash, URLKeyEqual> observedURLsByMonitoredURLs_;

@@ -112,20 +112,24 @@ void getResourceValuesForKeys_completionBlock(
       Id shown = key->description() == DXURLSecureAccessURLKey ? Id(keptSecureAccessURL(value)) : value;
       if (shown) result->setObject_forKey(shown, key);
     });
+    Ref<Error> sizeError;
     if (wantsDiskSize && !read->objectForKey(DXURLDiskSizeKey)) {
       Id size;
       if (!boolValue(read->objectForKey(NSURLIsDirectoryKey)) && !boolValue(read->objectForKey(NSURLIsVolumeKey))) {
         size = read->objectForKey(NSURLFileAllocatedSizeKey);
       } else {
-        accessSecurityScopedResourceForPropose_block(
-            url, kGettingDirectorySizePropose, [&] { size = Number::numberWithInteger(url->fetchDirectorySize()); });
+        accessSecurityScopedResourceForPropose_block(url, kGettingDirectorySizePropose, [&] {
+          // A tree that could not be read whole has no size to keep.
+          const std::int64_t bytes = url->fetchDirectorySize(&sizeError);
+          if (!sizeError) size = Number::numberWithInteger(bytes);
+        });
       }
       if (size) {
         url->setTemporaryResourceValue_forKey(size, DXURLDiskSizeKey);
         result->setObject_forKey(size, DXURLDiskSizeKey);
       }
     }
-    if (completion) completion(result, nullptr);
+    if (completion) completion(result, sizeError);
   });
 }
 

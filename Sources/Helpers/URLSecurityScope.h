@@ -38,7 +38,9 @@ Ref<URL> secureAccessURL(const Ref<URL>& url);
 /// DXURLDiskSizeKey among the keys, also the bytes the item occupies: a
 /// file's allocated size, or a folder's tree walked with the propose
 /// "getting directory size" (left out when access is refused). The size is
-/// kept on the URL object, so a second request does not walk again.
+/// kept on the URL object, so a second request does not walk again. When
+/// part of the folder's tree cannot be read, the size is left out, nothing
+/// is kept, and the other values come with the walk's error.
 void getResourceValuesForKeys_completionBlock(
     const Ref<URL>& url, const Ref<Array>& keys,
     std::function<void(const Ref<Dictionary>& values, const Ref<Error>& error)> completion);

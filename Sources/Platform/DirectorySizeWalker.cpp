@@ -2,57 +2,55 @@
 
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Dispatch/Queue.h"
+#include "fennick/Platform/Internal/FolderBranch.h"
+#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/String.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace fennick::platform {
 
 namespace {
 
-constexpr std::size_t kBufferSize = 32 * 1024;
-// Folders waiting for a free thread, each an open descriptor: bounded so that
-// a wide tree cannot use up the process's descriptors.
-constexpr std::size_t kMaxWaitingFolders = 64;
+constexpr std::int64_t kFileNoSuchFileError = 4;
+constexpr std::int64_t kFileReadUnknownError = 256;
+constexpr std::int64_t kFileReadNoPermissionError = 257;
 
-// The record getdents64 fills (declared by no header of glibc 2.36).
-struct LinuxDirent64 {
-  std::uint64_t inode;
-  std::int64_t offset;
-  unsigned short length;
-  unsigned char type;
-  char name[1];
-};
+// Descriptors one walking thread keeps open at most: enough that ordinary
+// trees never reopen a folder.
+constexpr std::size_t kWindow = 16;
+constexpr std::size_t kMaxDescriptors = 256;
 
-bool isDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
-int openFolderAt(int parent, const char* name) {
-  return ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+// The descriptors a walk may hold at once: a share of the process's limit,
+// so that the rest of the process keeps enough.
+std::size_t descriptorBudget() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kMaxDescriptors;
+  return std::clamp<std::size_t>(static_cast<std::size_t>(limit.rlim_cur / 4), 3, kMaxDescriptors);
 }
 
 }  // namespace
 
 // The state the walking threads share: the folders waiting for a thread, and
 // the sums.
-class DirectorySizeWalker::Walk {
+class DirectorySizeWalker::Walk final : public FolderWalkSink {
  public:
-  explicit Walk(DirectorySizeWalker& walker)
-      : walker_(walker),
-        maxThreads_(std::max(1u, std::thread::hardware_concurrency())),
-        group_(dispatch::Group::create()) {}
+  explicit Walk(DirectorySizeWalker& walker) : walker_(walker), group_(dispatch::Group::create()) {
+    const std::size_t budget = descriptorBudget();
+    window_ = std::min(kWindow, budget);
+    // Each thread holds its window, and one more while a folder waits for it.
+    const std::size_t threads = std::max<std::size_t>(1, budget / (window_ + 1));
+    maxThreads_ = std::min<std::size_t>(threads, std::max(1u, std::thread::hardware_concurrency()));
+  }
 
   std::int64_t run(int root) {
     waiting_.push_back(root);
@@ -61,39 +59,10 @@ class DirectorySizeWalker::Walk {
     return total_.load(std::memory_order_relaxed);
   }
 
- private:
-  // One walking thread's buffers, one per depth, reused for every folder.
-  struct Buffers {
-    std::vector<std::unique_ptr<char[]>> byDepth;
-    char* at(std::size_t depth) {
-      while (byDepth.size() <= depth) byDepth.push_back(std::make_unique<char[]>(kBufferSize));
-      return byDepth[depth].get();
-    }
-  };
-
-  // Takes waiting folders until there are none.
-  void work() {
-    Buffers buffers;
-    for (;;) {
-      int folder = -1;
-      {
-        std::lock_guard lock(mutex_);
-        if (waiting_.empty()) {
-          --threads_;
-          return;
-        }
-        folder = waiting_.front();
-        waiting_.pop_front();
-      }
-      walkFolder(folder, 0, buffers);
-    }
-  }
-
-  // Hands a subfolder to another thread when one is free; false means the
-  // caller walks it itself.
-  bool share(int folder) {
+  // Hands a subfolder to another thread when one is free.
+  bool share(int folder) override {
     std::lock_guard lock(mutex_);
-    if (threads_ >= maxThreads_ || waiting_.size() >= kMaxWaitingFolders) return false;
+    if (threads_ >= maxThreads_) return false;
     waiting_.push_back(folder);
     ++threads_;
     group_->enter();
@@ -106,49 +75,82 @@ class DirectorySizeWalker::Walk {
     return true;
   }
 
-  void walkFolder(int folder, std::size_t depth, Buffers& buffers) {
-    char* buffer = buffers.at(depth);
-    std::int64_t bytes = 0;
-    std::uint64_t items = 0;
-    for (;;) {
-      const long length = ::syscall(SYS_getdents64, folder, buffer, kBufferSize);
-      if (length <= 0) break;
-      for (long offset = 0; offset < length;) {
-        const auto* entry = reinterpret_cast<const LinuxDirent64*>(buffer + offset);
-        offset += entry->length;
-        if (isDotOrDotDot(entry->name)) continue;
-        ++items;
-        bool isFolder = entry->type == DT_DIR;
-        if (!isFolder) {
-          struct stat status {};
-          if (::fstatat(folder, entry->name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
-          isFolder = S_ISDIR(status.st_mode);  // file systems that leave the type unknown
-          if (!isFolder) bytes += static_cast<std::int64_t>(status.st_blocks) * 512;
-        }
-        if (!isFolder) continue;
-        const int subfolder = openFolderAt(folder, entry->name);
-        if (subfolder >= 0 && !share(subfolder)) walkFolder(subfolder, depth + 1, buffers);
-      }
-    }
-    ::close(folder);
+  void add(std::int64_t bytes, std::uint64_t items) override {
     total_.fetch_add(bytes, std::memory_order_relaxed);
     walker_.items_.fetch_add(items, std::memory_order_relaxed);
   }
 
+  void unreadable(std::uint64_t count, int error) override { walker_.noteUnreadable(count, error); }
+
+ private:
+  // Takes waiting folders until there are none.
+  void work() {
+    FolderBranch branch(*this, window_);
+    for (;;) {
+      int folder = -1;
+      {
+        std::lock_guard lock(mutex_);
+        if (waiting_.empty()) {
+          --threads_;
+          return;
+        }
+        folder = waiting_.front();
+        waiting_.pop_front();
+      }
+      branch.walk(folder);
+    }
+  }
+
   DirectorySizeWalker& walker_;
-  const unsigned maxThreads_;
+  std::size_t window_ = kWindow;
+  std::size_t maxThreads_ = 1;
   const Ref<dispatch::Group> group_;
   std::atomic<std::int64_t> total_{0};
   std::mutex mutex_;  // guards the two below
   std::deque<int> waiting_;
-  unsigned threads_ = 1;  // the caller's
+  std::size_t threads_ = 1;  // the caller's
 };
 
-std::int64_t DirectorySizeWalker::run() {
-  const int root = ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (root < 0) return 0;
+std::int64_t DirectorySizeWalker::run(Ref<Error>* error) {
+  // A path cut short at a NUL byte would name another folder.
+  int root = -1;
+  if (path_.find('\0') == std::string::npos) root = ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  else errno = EINVAL;
+  if (root < 0) {
+    if (errno == ENOTDIR) return 0;  // not a folder: nothing below it
+    noteUnreadable(1, errno);
+    if (error) *error = incompleteError(true);
+    return kDirectorySizeUnknown;
+  }
   Walk walk(*this);
-  return walk.run(root);
+  const std::int64_t total = walk.run(root);
+  if (unreadable_.load(std::memory_order_relaxed) == 0) return total;
+  if (error) *error = incompleteError(false);
+  return kDirectorySizeUnknown;
+}
+
+void DirectorySizeWalker::noteUnreadable(std::uint64_t count, int error) {
+  unreadable_.fetch_add(count, std::memory_order_relaxed);
+  int none = 0;
+  firstError_.compare_exchange_strong(none, error, std::memory_order_relaxed);
+}
+
+Ref<Error> DirectorySizeWalker::incompleteError(bool folderItself) const {
+  const int cause = firstError_.load(std::memory_order_relaxed);
+  std::int64_t code = kFileReadUnknownError;
+  if (cause == EACCES || cause == EPERM) code = kFileReadNoPermissionError;
+  else if (folderItself && cause == ENOENT) code = kFileNoSuchFileError;
+  const std::uint64_t count = unreadableItems();
+  std::string description;
+  if (folderItself)
+    description = "The folder’s size couldn’t be determined because the folder couldn’t be read.";
+  else
+    description = "The folder’s size couldn’t be determined because " + std::to_string(count) +
+                  (count == 1 ? " item in it couldn’t be read." : " items in it couldn’t be read.");
+  return Error::errorWithDomain_code_userInfo(
+      NSCocoaErrorDomain, code,
+      Dictionary::dictionaryWithStringKeys({{NSLocalizedDescriptionKey, String::string(description)},
+                                            {NSUnderlyingErrorKey, Error::posixError(cause)}}));
 }
 
 }  // namespace fennick::platform

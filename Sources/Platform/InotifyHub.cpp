@@ -123,9 +123,9 @@ InotifyHub::WatchRef InotifyHub::acquireLocked(Ref<const LinuxFileIdentity> iden
     error = descriptor < 0 ? errno : 0;
   });
   if (descriptor < 0) {
+    // The item is not named: its path is the caller's, not the log's.
     if (error == ENOSPC)
-      OVLog("Cannot watch {}: the inotify watch limit is reached (raise fs.inotify.max_user_watches).",
-            identity->currentPath().value_or("a file"));
+      OVLog("Cannot watch a file: the inotify watch limit is reached (raise fs.inotify.max_user_watches).");
     return nullptr;
   }
   if (auto found = watches_.find(descriptor); found != watches_.end()) {

@@ -79,8 +79,8 @@ Ref<URL> LinuxURLFileSystem::URLByResolvingBookmarkData(const Ref<Data>& data, b
   return URL::fileURLWithPath_isDirectory(target->path, S_ISDIR(status.st_mode));
 }
 
-std::int64_t LinuxURLFileSystem::allocatedSizeOfFolderTree(const std::string& path) const {
-  return holdsNulByte(path) ? 0 : DirectorySizeWalker(path).run();
+std::int64_t LinuxURLFileSystem::allocatedSizeOfFolderTree(const std::string& path, Ref<Error>* error) const {
+  return DirectorySizeWalker(path).run(error);
 }
 
 bool LinuxURLFileSystem::answersResourceKey(std::string_view key) const { return isFileSystemResourceKey(key); }

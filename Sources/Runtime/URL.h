@@ -252,13 +252,16 @@ class URL : public Object {
   bool onRootVolume() const;
   /// fetchDirectorySizeFromMetadata when it answers, else
   /// fetchDirectorySizeFromNodes. May take long: not on an interface thread.
-  std::int64_t fetchDirectorySize() const;
+  std::int64_t fetchDirectorySize(Ref<Error>* error = nullptr) const;
   /// Linux has no metadata index that knows sizes: always nil.
   Ref<Number> fetchDirectorySizeFromMetadata() const;
   /// The bytes the folder's tree occupies, by walking it as `du` does (see
   /// fennick/Platform/DirectorySizeWalker.h for what counts); 0 for URLs
-  /// that are not file URLs or name no readable folder.
-  std::int64_t fetchDirectorySizeFromNodes() const;
+  /// that are not file URLs or name something that is not a folder. When
+  /// the folder, or anything in its tree, cannot be read, -1 with `error`
+  /// (if given) set (NSCocoaErrorDomain: 257 permission refused, 4 nothing
+  /// there, 256 otherwise): a tree is never measured short.
+  std::int64_t fetchDirectorySizeFromNodes(Ref<Error>* error = nullptr) const;
   /// The resource value DXURLIsBookmarkedKey as a bool (NO when absent).
   bool isBookmarked() const;
   /// NSURLIsDirectoryKey as a bool (NO when it cannot be read).

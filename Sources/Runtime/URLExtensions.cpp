@@ -108,16 +108,16 @@ bool URL::onRootVolume() const {
   return isEqualObject_toObject(volume, fileURLWithPath_isDirectory("/", true));
 }
 
-std::int64_t URL::fetchDirectorySize() const {
+std::int64_t URL::fetchDirectorySize(Ref<Error>* error) const {
   if (Ref<Number> size = fetchDirectorySizeFromMetadata()) return size->integerValue();
-  return fetchDirectorySizeFromNodes();
+  return fetchDirectorySizeFromNodes(error);
 }
 
 Ref<Number> URL::fetchDirectorySizeFromMetadata() const { return nullptr; }
 
-std::int64_t URL::fetchDirectorySizeFromNodes() const {
+std::int64_t URL::fetchDirectorySizeFromNodes(Ref<Error>* error) const {
   std::optional<std::string> path = fileSystemRepresentation();
-  return path ? systemURLFileSystem().allocatedSizeOfFolderTree(*path) : 0;
+  return path ? systemURLFileSystem().allocatedSizeOfFolderTree(*path, error) : 0;
 }
 
 bool URL::isBookmarked() const { return boolValue(resourceValueForKey(DXURLIsBookmarkedKey)); }

@@ -54,9 +54,10 @@ class URLFileSystem {
   virtual Ref<URL> URLByResolvingBookmarkData(const Ref<Data>& data, bool& isStale, Ref<Error>* error) const = 0;
 
   /// The bytes the tree of the folder at `path` occupies on disk: the
-  /// allocated size of every entry below it that is not a folder; 0 when the
-  /// folder cannot be read.
-  virtual std::int64_t allocatedSizeOfFolderTree(const std::string& path) const = 0;
+  /// allocated size of every entry below it that is not a folder; 0 when
+  /// `path` names something else. -1, with `error` (if given) set, when the
+  /// folder or part of its tree cannot be read: never a partial sum.
+  virtual std::int64_t allocatedSizeOfFolderTree(const std::string& path, Ref<Error>* error) const = 0;
 };
 
 /// The operating system's file system, as the Platform layer supplies it.

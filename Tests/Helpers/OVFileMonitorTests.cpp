@@ -99,18 +99,72 @@ TEST(OVFileMonitorTest, ObserverCallsFollowTheBitsInAFixedOrder) {
 TEST(OVFileMonitorTest, ReleasingTheMonitorReleasesItsWatch) {
   TemporaryFolder folder;
   ASSERT_TRUE(filetest::writeFile(folder / "file", "x"));
-  const int descriptors = filetest::descriptorBaseline();
-  const std::size_t watches = platform::vnodeWatchCount();
+  struct stat item {};
+  ASSERT_EQ(::stat((folder / "file").c_str(), &item), 0);
   auto observer = std::make_shared<FileObserverRecorder>();
   {
     auto monitor = OVFileMonitor::initWithURL(URL::fileURLWithPath(folder / "file"));
     ASSERT_NE(monitor, nullptr);
     monitor->addObserver(observer);
-    EXPECT_EQ(platform::vnodeWatchCount(), watches + 1);
-    EXPECT_TRUE(monitor->hasObservers());
+    EXPECT_EQ(filetest::descriptorsOnItem(item), 1);
+    ASSERT_TRUE(monitor->hasObservers());
+    ASSERT_TRUE(filetest::appendToFile(folder / "file", "more"));
+    EXPECT_TRUE(observer->waitFor("write " + folder / "file"));
   }
-  EXPECT_TRUE(testing::eventually([&] { return platform::vnodeWatchCount() == watches; }));
-  EXPECT_TRUE(testing::eventually([&] { return filetest::openDescriptorCount() == descriptors; }));
+  EXPECT_TRUE(testing::eventually([&] { return !filetest::isWatchedByInotify(item); }));
+  EXPECT_TRUE(testing::eventually([&] { return filetest::descriptorsOnItem(item) == 0; }));
+}
+
+}  // namespace
+}  // namespace fennick
+
+namespace fennick {
+namespace {
+
+// Names as hostile as a file system allows are watched and reported as they
+// are; an item deeper than PATH_MAX cannot be named by a path, so it gives
+// no monitor, cleanly.
+TEST(OVFileMonitorTest, HostileNamesAndPathsAtTheLimit) {
+  TemporaryFolder folder;
+  std::string nearLimit = folder.path();
+  while (nearLimit.size() + 2 * 256 < PATH_MAX) {
+    nearLimit += "/" + std::string(200, 'p');
+    ASSERT_EQ(::mkdir(nearLimit.c_str(), 0755), 0);
+  }
+  const std::string names[] = {folder / "bad\xff\xfe utf-8", folder / "new\nline", folder / std::string(255, 'n'),
+                               folder / "caf\xc3\xa9", nearLimit + "/" + std::string(250, 'q')};
+  for (const std::string& path : names) {
+    SCOPED_TRACE(path.size());
+    ASSERT_TRUE(filetest::writeFile(path, "x"));
+    auto monitor = OVFileMonitor::initWithURL(URL::fileURLWithPath(path));
+    ASSERT_NE(monitor, nullptr);
+    auto observer = std::make_shared<FileObserverRecorder>();
+    monitor->addObserver(observer);
+    ASSERT_TRUE(monitor->hasObservers());
+    ASSERT_TRUE(filetest::appendToFile(path, "more"));
+    EXPECT_TRUE(observer->waitFor("write " + path));
+    EXPECT_EQ(monitor->filePathURL()->path(), path);
+  }
+
+  // One level more and the path is longer than the system takes.
+  const int deepest = ::open(nearLimit.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(deepest, 0);
+  const std::string tooDeep = std::string(250, 'r');
+  ASSERT_EQ(::mkdirat(deepest, tooDeep.c_str(), 0755), 0);
+  const int inside = ::openat(deepest, tooDeep.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(inside, 0);
+  const std::string longName(250, 's');
+  ASSERT_EQ(::mkdirat(inside, longName.c_str(), 0755), 0);
+  ::close(inside);
+  ::close(deepest);
+  const std::string beyond = nearLimit + "/" + tooDeep + "/" + longName;
+  ASSERT_GT(beyond.size(), static_cast<std::size_t>(PATH_MAX));
+  EXPECT_EQ(OVFileMonitor::initWithURL(URL::fileURLWithPath(beyond)), nullptr);
+  EXPECT_EQ(URL::fileURLWithPath(beyond)->fileReferenceURL(), nullptr);
+  // Removed by hand: the folder's own removal walks paths, which stop at PATH_MAX.
+  const int parent = ::open((nearLimit + "/" + tooDeep).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  EXPECT_EQ(::unlinkat(parent, longName.c_str(), AT_REMOVEDIR), 0);
+  ::close(parent);
 }
 
 }  // namespace

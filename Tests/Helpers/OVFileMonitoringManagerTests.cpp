@@ -87,7 +87,6 @@ TEST(OVFileMonitoringManagerTest, RecursiveObserverHearsAFolderTwoLevelsUpMove) 
   ASSERT_EQ(::mkdir((folder / "a").c_str(), 0755), 0);
   ASSERT_EQ(::mkdir((folder / "a/b").c_str(), 0755), 0);
   ASSERT_TRUE(filetest::writeFile(folder / "a/b/file", "x"));
-  // Folder monitors live as long as their manager: the shared one lives for good.
   const auto& manager = OVFileMonitoringManager::defaultMonitor();
   const std::size_t monitorsBefore = manager->monitorCount();
   // Registered by identity, so that the registrations can still be named

@@ -9,8 +9,10 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -80,6 +82,47 @@ inline int openDescriptorCount() {
   while (::readdir(folder)) ++count;
   ::closedir(folder);
   return count - 3;  // ".", ".." and the folder's own descriptor
+}
+
+/// The descriptors of this process that name the item `item` describes,
+/// read from /proc rather than asked of the library.
+inline int descriptorsOnItem(const struct stat& item) {
+  int count = 0;
+  DIR* folder = ::opendir("/proc/self/fd");
+  if (!folder) return -1;
+  while (const dirent* entry = ::readdir(folder)) {
+    struct stat status {};
+    const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+    if (entry->d_name[0] != '.' && ::stat(link.c_str(), &status) == 0 && status.st_dev == item.st_dev &&
+        status.st_ino == item.st_ino)
+      ++count;
+  }
+  ::closedir(folder);
+  return count;
+}
+
+/// Whether an inotify descriptor of this process watches the item `item`
+/// describes, as the kernel lists its watches in /proc/self/fdinfo.
+inline bool isWatchedByInotify(const struct stat& item) {
+  bool watched = false;
+  DIR* folder = ::opendir("/proc/self/fdinfo");
+  if (!folder) return false;
+  while (const dirent* entry = ::readdir(folder)) {
+    if (entry->d_name[0] == '.') continue;
+    std::FILE* info = std::fopen((std::string("/proc/self/fdinfo/") + entry->d_name).c_str(), "r");
+    if (!info) continue;
+    char line[512];
+    while (std::fgets(line, sizeof line, info)) {
+      unsigned long inode = 0, device = 0;
+      // The kernel's device numbers: major in the bits above 20.
+      if (std::sscanf(line, "inotify wd:%*d ino:%lx sdev:%lx", &inode, &device) == 2 && inode == item.st_ino &&
+          makedev(device >> 20, device & 0xFFFFF) == item.st_dev)
+        watched = true;
+    }
+    std::fclose(info);
+  }
+  ::closedir(folder);
+  return watched;
 }
 
 }  // namespace fennick::filetest

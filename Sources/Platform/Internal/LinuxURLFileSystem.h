@@ -17,7 +17,7 @@ class LinuxURLFileSystem final : public URLFileSystem {
   Ref<const FileIdentity> identityOfItemAtPath(const std::string& path) const override;
   Ref<Data> bookmarkDataForURL(const URL& url, Ref<Error>* error) const override;
   Ref<URL> URLByResolvingBookmarkData(const Ref<Data>& data, bool& isStale, Ref<Error>* error) const override;
-  std::int64_t allocatedSizeOfFolderTree(const std::string& path) const override;
+  std::int64_t allocatedSizeOfFolderTree(const std::string& path, Ref<Error>* error) const override;
 };
 
 }  // namespace fennick::platform
