@@ -13,7 +13,6 @@
 #include <plist/plist.h>
 
 #include <cstdlib>
-#include <limits>
 
 namespace fennick {
 
@@ -156,7 +155,9 @@ struct KeyedUnarchiver::State {
     // whose class also answers to "NSMutableArray").
     archivedImmutable[uid] = cls && className.starts_with("NS") && !className.starts_with("NSMutable") &&
                              Class::named(fmt::format("NSMutable{}", className.substr(2))) == cls;
-    if (!cls) corrupt(fmt::format("cannot decode object of class ({}) for key ({}): the class is unknown", className, key));
+    // The archive's name for an unknown class is not repeated: it is text
+    // from outside.
+    if (!cls) corrupt(fmt::format("cannot decode the object {} for key '{}': its class is unknown", uid, key));
     return cls;
   }
 
@@ -229,7 +230,8 @@ struct KeyedUnarchiver::State {
     try {
       instance->initWithCoder(coder);
     } catch (const Exception& exception) {
-      corrupt(fmt::format("decoding an object of class {} failed: {}", cls->archiveName(), exception.what()));
+      // The exception's reason may quote what was being decoded.
+      corrupt(fmt::format("decoding an object of class {} failed with {}", cls->archiveName(), exception.name()));
     }
     frames.pop_back();
     status[uid] = Status::Done;
@@ -283,13 +285,13 @@ std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::initForReadingFromData_error(c
     return nullptr;
   };
   if (!data || data->length() == 0) return failed("the data is empty");
-  if (data->length() > std::numeric_limits<std::uint32_t>::max()) return failed("the data is too large");
-  plist_t root = nullptr;
-  plist_from_memory(reinterpret_cast<const char*>(data->bytes()), static_cast<std::uint32_t>(data->length()),
-                    &root);
+  bool binary = false;
+  const char* problem = nullptr;
   auto state = std::make_unique<State>();
-  state->root.reset(root);
-  if (!root || plist_get_node_type(root) != PLIST_DICT) return failed("the data is not a property list dictionary");
+  state->root.reset(detail::parsePlistNode(data->stringView(), &binary, &problem));
+  plist_t root = state->root.get();
+  if (!root) return failed(problem);
+  if (plist_get_node_type(root) != PLIST_DICT) return failed("the data is not a property list dictionary");
 
   plist_t archiver = plist_dict_get_item(root, "$archiver");
   plist_t objects = plist_dict_get_item(root, "$objects");
