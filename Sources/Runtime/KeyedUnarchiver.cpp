@@ -185,7 +185,9 @@ struct KeyedUnarchiver::State {
     plist_t entry = objects[uid];
     if (plist_get_node_type(entry) != PLIST_DICT) {
       status[uid] = Status::Done;
-      return decoded[uid] = detail::objectFromPlistScalarNode(entry);
+      decoded[uid] = detail::objectFromPlistScalarNode(entry);
+      if (!decoded[uid]) corrupt(fmt::format("the entry {} for key '{}' is not valid text", uid, key));
+      return decoded[uid];
     }
     if (cls == String::staticClass() || cls == Data::staticClass()) return decodeValueObject(uid, cls);
     return decodeCodedObject(coder, uid, cls, allowed, key);

@@ -283,7 +283,8 @@ Id objectFromPlistScalarNode(PlistNode node) {
     case PLIST_STRING: {
       std::uint64_t length = 0;
       const char* text = plist_get_string_ptr(node, &length);
-      return String::string(std::string_view(text ? text : "", text ? length : 0));
+      const std::string_view view(text ? text : "", text ? length : 0);
+      return String::isValidUTF8(view) ? String::string(view) : nullptr;
     }
     case PLIST_UINT: return numberFromPlistIntegerNode(node);
     case PLIST_REAL: {

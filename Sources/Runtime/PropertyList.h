@@ -96,7 +96,8 @@ PlistNode newPlistNodeForNumber(const Number& number);
 /// The Number for an integer node, with its sign and kind as written.
 Ref<Number> numberFromPlistIntegerNode(PlistNode node);
 /// A runtime object for a scalar node (string, integer, real, boolean, data,
-/// date), or nil for container, UID and key nodes.
+/// date), or nil for container, UID and key nodes and for text that is not
+/// valid UTF-8.
 Id objectFromPlistScalarNode(PlistNode node);
 }  // namespace detail
 

@@ -136,6 +136,9 @@ TEST(HostileKeyedArchive, StructureBuiltToHarmTheReaderIsRefused) {
                                 xmlUID(3) + "</array>",
                             "NSDictionary") +
                   "<string>k</string>")},
+      {"a string that is not UTF-8", xmlArchive("<string>\xff\xfe</string>")},
+      {"a mutable string that is not UTF-8",
+       xmlArchive(xmlObject("<key>NS.string</key><string>\xc0\xaf</string>", "NSMutableString"))},
       {"an entry declaring 2^40 members",
        binaryArchive([](auto& list, auto& objects) {
          list.add(BinaryPlistBuilder::marker(0xA, std::uint64_t{1} << 40));
