@@ -105,7 +105,17 @@ struct KeyedUnarchiver::State {
   void fail(std::int64_t code, std::string why) {
     if (!error) error = detail::coderError(code, std::move(why));
   }
-  void corrupt(std::string why) { fail(NSCoderReadCorruptError, std::move(why)); }
+  // Formats the reason out of line: its temporaries would otherwise sit in
+  // the frames of the recursive decode, several kilobytes per level of
+  // nesting under AddressSanitizer.
+  template <class... Args>
+  [[gnu::noinline, gnu::cold]] void corrupt(fmt::format_string<Args...> pattern, Args&&... args) {
+    if (!error) fail(NSCoderReadCorruptError, fmt::format(pattern, std::forward<Args>(args)...));
+  }
+  [[gnu::noinline, gnu::cold]] void unexpectedClass(std::string_view key, const Class* cls, const ClassList& allowed) {
+    corrupt("value for key '{}' was of unexpected class '{}'. Allowed classes are '{}'.", key, cls->archiveName(),
+            classNames(allowed));
+  }
 
   plist_t field(std::string_view key) {
     if (frames.empty()) return nullptr;
@@ -115,7 +125,7 @@ struct KeyedUnarchiver::State {
 
   // The class an entry decodes to, checked for a well-formed shape; nullptr
   // (with the failure recorded) when it has none.
-  const Class* entryClass(std::uint64_t uid, std::string_view key) {
+  [[gnu::noinline]] const Class* entryClass(std::uint64_t uid, std::string_view key) {
     if (const Class* cached = classOfEntry[uid]) return cached;
     const Class* cls = nullptr;
     plist_t entry = objects[uid];
@@ -127,7 +137,7 @@ struct KeyedUnarchiver::State {
       case PLIST_DATA: cls = Data::staticClass(); break;
       case PLIST_DATE: cls = Date::staticClass(); break;
       case PLIST_DICT: cls = codedClass(entry, uid, key); break;
-      default: corrupt(fmt::format("the entry {} for key '{}' is not an object", uid, key));
+      default: corrupt("the entry {} for key '{}' is not an object", uid, key);
     }
     classOfEntry[uid] = cls;
     return cls;
@@ -137,7 +147,7 @@ struct KeyedUnarchiver::State {
     plist_t reference = plist_dict_get_item(entry, "$class");
     std::uint64_t classUID = 0;
     if (!reference || !referenceOf(reference, &classUID) || !classUID || classUID >= objects.size() || classUID == uid) {
-      corrupt(fmt::format("the object {} for key '{}' has no valid $class", uid, key));
+      corrupt("the object {} for key '{}' has no valid $class", uid, key);
       return nullptr;
     }
     plist_t classEntry = objects[classUID];
@@ -146,7 +156,7 @@ struct KeyedUnarchiver::State {
     std::uint64_t length = 0;
     const char* text = name ? plist_get_string_ptr(name, &length) : nullptr;
     if (!text) {
-      corrupt(fmt::format("the class entry {} has no $classname", classUID));
+      corrupt("the class entry {} has no $classname", classUID);
       return nullptr;
     }
     const std::string_view className(text, length);
@@ -157,7 +167,7 @@ struct KeyedUnarchiver::State {
                              Class::named(fmt::format("NSMutable{}", className.substr(2))) == cls;
     // The archive's name for an unknown class is not repeated: it is text
     // from outside.
-    if (!cls) corrupt(fmt::format("cannot decode the object {} for key '{}': its class is unknown", uid, key));
+    if (!cls) corrupt("cannot decode the object {} for key '{}': its class is unknown", uid, key);
     return cls;
   }
 
@@ -170,14 +180,13 @@ struct KeyedUnarchiver::State {
   Id decode(KeyedUnarchiver& coder, std::uint64_t uid, const ClassList& allowed, std::string_view key) {
     if (error || uid == 0) return nullptr;
     if (uid >= objects.size()) {
-      corrupt(fmt::format("the reference {} for key '{}' is out of range", uid, key));
+      corrupt("the reference {} for key '{}' is out of range", uid, key);
       return nullptr;
     }
     const Class* cls = entryClass(uid, key);
     if (!cls) return nullptr;
     if (secure && !isAllowed(cls, allowed)) {
-      corrupt(fmt::format("value for key '{}' was of unexpected class '{}'. Allowed classes are '{}'.", key,
-                          cls->archiveName(), classNames(allowed)));
+      unexpectedClass(key, cls, allowed);
       return nullptr;
     }
     if (status[uid] != Status::Untouched) return decoded[uid];
@@ -186,7 +195,7 @@ struct KeyedUnarchiver::State {
     if (plist_get_node_type(entry) != PLIST_DICT) {
       status[uid] = Status::Done;
       decoded[uid] = detail::objectFromPlistScalarNode(entry);
-      if (!decoded[uid]) corrupt(fmt::format("the entry {} for key '{}' is not valid text", uid, key));
+      if (!decoded[uid]) corrupt("the entry {} for key '{}' is not valid text", uid, key);
       return decoded[uid];
     }
     if (cls == String::staticClass() || cls == Data::staticClass()) return decodeValueObject(uid, cls);
@@ -204,7 +213,7 @@ struct KeyedUnarchiver::State {
       plist_t bytes = plist_dict_get_item(entry, "NS.data");
       if (bytes && plist_get_node_type(bytes) == PLIST_DATA) value = detail::objectFromPlistScalarNode(bytes);
     }
-    if (!value) corrupt(fmt::format("the {} object {} has no contents", cls->archiveName(), uid));
+    if (!value) corrupt("the {} object {} has no contents", cls->archiveName(), uid);
     status[uid] = Status::Done;
     return decoded[uid] = value;
   }
@@ -212,16 +221,16 @@ struct KeyedUnarchiver::State {
   Id decodeCodedObject(KeyedUnarchiver& coder, std::uint64_t uid, const Class* cls, const ClassList& allowed,
                        std::string_view key) {
     if (secure && !cls->supportsSecureCoding()) {
-      corrupt(fmt::format("class '{}' for key '{}' does not support secure coding", cls->archiveName(), key));
+      corrupt("class '{}' for key '{}' does not support secure coding", cls->archiveName(), key);
       return nullptr;
     }
     if (frames.size() > maxDepth) {
-      corrupt(fmt::format("objects are nested more than {} levels deep", maxDepth));
+      corrupt("objects are nested more than {} levels deep", maxDepth);
       return nullptr;
     }
     Id instance = cls->allocateForDecoding();
     if (!instance) {
-      corrupt(fmt::format("cannot decode object of class ({}) for key ({})", cls->archiveName(), key));
+      corrupt("cannot decode object of class ({}) for key ({})", cls->archiveName(), key);
       return nullptr;
     }
     // Registered before its contents, so that cycles come back to it.
@@ -233,7 +242,7 @@ struct KeyedUnarchiver::State {
       instance->initWithCoder(coder);
     } catch (const Exception& exception) {
       // The exception's reason may quote what was being decoded.
-      corrupt(fmt::format("decoding an object of class {} failed with {}", cls->archiveName(), exception.name()));
+      corrupt("decoding an object of class {} failed with {}", cls->archiveName(), exception.name());
     }
     frames.pop_back();
     status[uid] = Status::Done;
@@ -257,7 +266,7 @@ struct KeyedUnarchiver::State {
     if (!node) return nullptr;
     std::uint64_t uid = 0;
     if (!referenceOf(node, &uid)) {
-      corrupt(fmt::format("the value for key '{}' is not an object reference", key));
+      corrupt("the value for key '{}' is not an object reference", key);
       return nullptr;
     }
     return decode(coder, uid, allowed, key);
@@ -265,14 +274,15 @@ struct KeyedUnarchiver::State {
 
   // A scalar field of the current object, or nullptr when absent; a field of
   // another type fails the decode.
-  plist_t scalarField(std::string_view key, std::initializer_list<plist_type> types, const char* what) {
+  [[gnu::noinline]] plist_t scalarField(std::string_view key, std::initializer_list<plist_type> types,
+                                        const char* what) {
     if (error) return nullptr;
     plist_t node = field(key);
     if (!node) return nullptr;
     const plist_type type = plist_get_node_type(node);
     for (plist_type accepted : types)
       if (type == accepted) return node;
-    corrupt(fmt::format("the value for key '{}' is not {}", key, what));
+    corrupt("the value for key '{}' is not {}", key, what);
     return nullptr;
   }
 };
@@ -354,8 +364,7 @@ void KeyedUnarchiver::failWithError(const Ref<Error>& error) {
 
 Id KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
   if (state_->secure) {
-    state_->corrupt(fmt::format("decoding key '{}' without a class is not allowed when secure coding is required",
-                                key));
+    state_->corrupt("decoding key '{}' without a class is not allowed when secure coding is required", key);
     return nullptr;
   }
   static const ClassList anything{Object::staticClass()};
@@ -425,7 +434,7 @@ std::vector<Id> KeyedUnarchiver::decodeArrayOfObjectsForKey(std::string_view key
     std::uint64_t uid = 0;
     referenceOf(item, &uid);
     Id member = s.decode(*this, uid, allowed, key);
-    if (!member) s.corrupt(fmt::format("a member of '{}' is not an object", key));
+    if (!member) s.corrupt("a member of '{}' is not an object", key);
     members.push_back(std::move(member));
   }
   std::free(iter);
