@@ -5,6 +5,7 @@
 #include "fennick/Runtime/Data.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/Internal/BinaryPropertyListScan.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/PropertyList.h"
 #include "fennick/Runtime/String.h"
@@ -67,6 +68,22 @@ std::string nestedBinaryDictionaries(std::uint64_t levels) {
   return list.build();
 }
 
+// A top-level array naming `chains` chains of arrays `length` deep, each
+// ending in the one before it: every chain is first reached near the top,
+// but the parser also builds it again below the next chain.
+std::string chainsEndingInEachOther(std::uint64_t chains, std::uint64_t length) {
+  BinaryPlistBuilder list;
+  list.add({});
+  std::vector<std::uint64_t> heads;
+  for (std::uint64_t chain = 0; chain < chains; ++chain) {
+    heads.push_back(list.objects.size());
+    for (std::uint64_t level = 1; level < length; ++level) list.add(list.array({heads.back() + level}));
+    list.add(chain ? list.array({heads[chain - 1]}) : list.array({}));
+  }
+  list.objects[0] = list.array(heads);
+  return list.build();
+}
+
 // Each level opens one array and hides a closing tag where libplist does not
 // act on it; a scan that counted the decoy would see no depth at all.
 std::string decoyLevels(std::string_view level) { return xmlList(repeated(level, kDeep, "</array>")); }
@@ -76,6 +93,7 @@ TEST(HostilePropertyList, NestingPastTheLimitIsRefusedBeforeParsing) {
       {"binary arrays 100,000 deep", nestedBinaryArrays(kDeep)},
       {"binary dictionaries 100,000 deep", nestedBinaryDictionaries(kDeep)},
       {"binary arrays one past the limit", nestedBinaryArrays(kLimit + 1)},
+      {"binary nesting through shared chains", chainsEndingInEachOther(3, 200)},
       {"XML arrays 100,000 deep", xmlList(repeated("<array>", kDeep, "</array>"))},
       {"XML dictionaries 100,000 deep", xmlList(repeated("<dict><key>k</key>", kDeep, "</dict>"))},
       {"XML arrays one past the limit", xmlList(repeated("<array>", kLimit + 1, "</array>"))},
@@ -91,6 +109,10 @@ TEST(HostilePropertyList, NestingPastTheLimitIsRefusedBeforeParsing) {
       {"XML plist elements between arrays", xmlList(repeated("<plist><array>", kDeep, "</array></plist>"))},
   };
   expectOutcomes(cases, "nested too deeply");
+  // Refused by the scan, before the parser builds the 600 levels.
+  EXPECT_STREQ(detail::binaryPropertyListHazard(chainsEndingInEachOther(3, 200), kLimit),
+               "containers nested too deeply");
+  EXPECT_EQ(detail::binaryPropertyListHazard(chainsEndingInEachOther(2, 200), kLimit), nullptr);
 
   // At the limit both formats read, as written, decoys and all.
   Id deepest = Array::array();

@@ -63,6 +63,7 @@ class BinaryPropertyListScan {
     if (!readTrailer()) return kMalformed;
     marks_.assign(objectCount_, 0);
     cost_.assign(objectCount_, 0);
+    height_.assign(objectCount_, 0);
     // Never reallocated during the walk: visit() adds to a frame it holds.
     stack_.reserve(std::min<std::uint64_t>(maxDepth_, objectCount_) + 1);
     std::uint64_t total = 0;
@@ -81,6 +82,8 @@ class BinaryPropertyListScan {
       stack_.pop_back();
       marks_[done.object] = static_cast<std::uint8_t>((marks_[done.object] & ~kOpen) | kDone | kNotAString);
       cost_[done.object] = static_cast<std::uint32_t>(done.cost);
+      height_[done.object] = done.height + 1;
+      if (!stack_.empty()) stack_.back().height = std::max(stack_.back().height, height_[done.object]);
       if (const char* hazard = add(stack_.empty() ? total : stack_.back().cost, done.cost)) return hazard;
     }
     return nullptr;
@@ -98,6 +101,7 @@ class BinaryPropertyListScan {
     std::uint64_t keys;        // how many of them name keys
     std::uint64_t next = 0;
     std::uint64_t cost = kNodeCost;  // what libplist allocates for the object so far
+    std::uint32_t height = 0;        // of the tallest member so far
   };
 
   bool readTrailer() {
@@ -150,6 +154,11 @@ class BinaryPropertyListScan {
     }
     if (isKey && (mark & kNotAString)) return kKeyNotString;
     if (isKey && (mark & kHoldsNUL)) return kKeyWithNUL;
+    // A container seen before is parsed again here, as deep as it goes
+    // below this place: first reached near the top, it may be named again
+    // from far down.
+    if (stack_.size() + height_[object] > maxDepth_) return kTooDeep;
+    if (!stack_.empty()) stack_.back().height = std::max(stack_.back().height, height_[object]);
     return add(cost, cost_[object]);
   }
 
@@ -215,7 +224,8 @@ class BinaryPropertyListScan {
   std::uint8_t offsetSize_ = 0, referenceSize_ = 0;
   std::uint64_t objectCount_ = 0, topObject_ = 0, offsetTable_ = 0;
   std::vector<std::uint8_t> marks_;
-  std::vector<std::uint32_t> cost_;  // of finished objects, at most costLimit_ + 1
+  std::vector<std::uint32_t> cost_;    // of finished objects, at most costLimit_ + 1
+  std::vector<std::uint32_t> height_;  // containers on the longest chain down from a finished object
   std::vector<Frame> stack_;
 };
 
