@@ -18,10 +18,14 @@ constexpr const char* kPathKey = "Path";
 constexpr const char* kDeviceKey = "Device";
 constexpr const char* kInodeKey = "Inode";
 
+// An integer field: booleans, reals and negative numbers are not identities
+// or versions, however they would convert.
 std::optional<std::uint64_t> unsignedField(const Dictionary& bookmark, const char* key) {
   auto number = Number::dynamicCastObject(bookmark.objectForKey(key));
   if (!number) return std::nullopt;
-  return number->unsignedIntegerValue();
+  if (number->kind() == Number::Kind::Unsigned) return number->unsignedIntegerValue();
+  if (number->kind() != Number::Kind::Signed || number->integerValue() < 0) return std::nullopt;
+  return static_cast<std::uint64_t>(number->integerValue());
 }
 
 }  // namespace
@@ -42,12 +46,11 @@ std::optional<BookmarkTarget> decodeBookmark(const Ref<Data>& data) {
   auto bookmark = Dictionary::dynamicCastObject(plist);
   if (!bookmark || format != PropertyListFormat::Binary) return std::nullopt;
   auto kind = String::dynamicCastObject(bookmark->objectForKey(kKindKey));
-  auto version = Number::dynamicCastObject(bookmark->objectForKey(kVersionKey));
+  auto version = unsignedField(*bookmark, kVersionKey);
   auto path = Data::dynamicCastObject(bookmark->objectForKey(kPathKey));
   auto device = unsignedField(*bookmark, kDeviceKey);
   auto inode = unsignedField(*bookmark, kInodeKey);
-  if (!kind || kind->view() != kKind || !version || version->integerValue() != kVersion || !path || !device ||
-      !inode)
+  if (!kind || kind->view() != kKind || version != static_cast<std::uint64_t>(kVersion) || !path || !device || !inode)
     return std::nullopt;
   BookmarkTarget target{std::string(path->stringView()), *device, *inode};
   if (!target.path.starts_with('/') || target.path.find('\0') != std::string::npos) return std::nullopt;

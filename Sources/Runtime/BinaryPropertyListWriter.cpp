@@ -49,9 +49,11 @@ class Output {
   std::vector<std::uint8_t> bytes_;
 };
 
-bool isASCII(const std::uint8_t* text, std::size_t length) {
+// Text that may be stored as an ASCII string. A NUL goes into the UTF-16 form:
+// readers of the ASCII form (libplist among them) end the string at it.
+bool isASCIIWithoutNUL(const std::uint8_t* text, std::size_t length) {
   for (std::size_t i = 0; i < length; ++i)
-    if (text[i] >= 0x80) return false;
+    if (text[i] == 0 || text[i] >= 0x80) return false;
   return true;
 }
 
@@ -169,7 +171,7 @@ std::vector<std::uint8_t> BinaryPropertyListWriter::finish(Index top) const {
     const std::uint8_t* bytes = bytes_.data() + r.start;
     switch (r.kind) {
       case Kind::String:
-        if (isASCII(bytes, r.length)) {
+        if (isASCIIWithoutNUL(bytes, r.length)) {
           out.marker(kASCII, r.length);
           out.append(bytes, r.length);
         } else {

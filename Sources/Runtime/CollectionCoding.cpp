@@ -5,6 +5,9 @@
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Set.h"
 
+#include <algorithm>
+#include <cstdint>
+
 namespace fennick {
 
 void Array::encodeWithCoder(Coder& coder) const { coder.encodeArrayOfObjects_forKey(objects_, "NS.objects"); }
@@ -29,7 +32,8 @@ void Dictionary::encodeWithCoder(Coder& coder) const {
 void Dictionary::initWithCoder(Coder& coder) {
   std::vector<Id> keys = coder.decodeArrayOfObjectsForKey("NS.keys");
   std::vector<Id> values = coder.decodeArrayOfObjectsForKey("NS.objects");
-  if (keys.size() != values.size()) return;
+  if (keys.size() != values.size())
+    throw Exception(NSInvalidUnarchiveOperationException, "an archived dictionary has more keys than objects or fewer");
   for (std::size_t i = 0; i < keys.size(); ++i)
     if (keys[i] && values[i]) setObject_forKey(values[i], keys[i]);
 }
@@ -57,7 +61,11 @@ void CountedSet::initWithCoder(Coder& coder) {
   for (std::size_t i = 0; i < members.size(); ++i) {
     if (!members[i]) continue;
     const std::int64_t times = coder.decodeInt64ForKey("NS.count." + std::to_string(i));
-    for (std::int64_t n = 0; n < std::max<std::int64_t>(times, 1); ++n) addObject(members[i]);
+    // The count comes from the archive: it is added at once, not counted out.
+    addObject(members[i]);
+    Entry* entry = table_.find(*members[i], members[i]->hash());
+    const auto extra = static_cast<std::size_t>(std::max<std::int64_t>(times, 1) - 1);
+    entry->occurrences += std::min(extra, SIZE_MAX - entry->occurrences);
   }
 }
 

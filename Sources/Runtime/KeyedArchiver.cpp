@@ -121,6 +121,8 @@ struct KeyedArchiver::State {
   }
 
   void field(std::string_view name, Index value) {
+    // A key is stored as a dictionary key, which no reader takes with a NUL.
+    if (name.find('\0') != std::string_view::npos) return fail("a key holds a NUL character");
     fieldKeys.push_back(key(name));
     fieldValues.push_back(value);
   }
@@ -337,7 +339,9 @@ Ref<Data> KeyedArchiver::archivedDataWithRootObject_requiringSecureCoding_error(
   try {
     archiver.encodeObject_forKey(root, "root");
   } catch (const Exception& exception) {
-    archiver.failWithError(detail::coderError(NSCoderInvalidValueError, exception.what()));
+    // The exception's reason may quote the value being encoded.
+    archiver.failWithError(
+        detail::coderError(NSCoderInvalidValueError, fmt::format("an encodeWithCoder failed with {}", exception.name())));
   }
   Ref<Data> data = archiver.encodedData();
   if (!data && error) *error = archiver.error();

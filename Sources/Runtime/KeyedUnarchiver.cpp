@@ -13,7 +13,6 @@
 #include <plist/plist.h>
 
 #include <cstdlib>
-#include <limits>
 
 namespace fennick {
 
@@ -106,7 +105,17 @@ struct KeyedUnarchiver::State {
   void fail(std::int64_t code, std::string why) {
     if (!error) error = detail::coderError(code, std::move(why));
   }
-  void corrupt(std::string why) { fail(NSCoderReadCorruptError, std::move(why)); }
+  // Formats the reason out of line: its temporaries would otherwise sit in
+  // the frames of the recursive decode, several kilobytes per level of
+  // nesting under AddressSanitizer.
+  template <class... Args>
+  [[gnu::noinline, gnu::cold]] void corrupt(fmt::format_string<Args...> pattern, Args&&... args) {
+    if (!error) fail(NSCoderReadCorruptError, fmt::format(pattern, std::forward<Args>(args)...));
+  }
+  [[gnu::noinline, gnu::cold]] void unexpectedClass(std::string_view key, const Class* cls, const ClassList& allowed) {
+    corrupt("value for key '{}' was of unexpected class '{}'. Allowed classes are '{}'.", key, cls->archiveName(),
+            classNames(allowed));
+  }
 
   plist_t field(std::string_view key) {
     if (frames.empty()) return nullptr;
@@ -116,7 +125,7 @@ struct KeyedUnarchiver::State {
 
   // The class an entry decodes to, checked for a well-formed shape; nullptr
   // (with the failure recorded) when it has none.
-  const Class* entryClass(std::uint64_t uid, std::string_view key) {
+  [[gnu::noinline]] const Class* entryClass(std::uint64_t uid, std::string_view key) {
     if (const Class* cached = classOfEntry[uid]) return cached;
     const Class* cls = nullptr;
     plist_t entry = objects[uid];
@@ -128,7 +137,7 @@ struct KeyedUnarchiver::State {
       case PLIST_DATA: cls = Data::staticClass(); break;
       case PLIST_DATE: cls = Date::staticClass(); break;
       case PLIST_DICT: cls = codedClass(entry, uid, key); break;
-      default: corrupt(fmt::format("the entry {} for key '{}' is not an object", uid, key));
+      default: corrupt("the entry {} for key '{}' is not an object", uid, key);
     }
     classOfEntry[uid] = cls;
     return cls;
@@ -138,7 +147,7 @@ struct KeyedUnarchiver::State {
     plist_t reference = plist_dict_get_item(entry, "$class");
     std::uint64_t classUID = 0;
     if (!reference || !referenceOf(reference, &classUID) || !classUID || classUID >= objects.size() || classUID == uid) {
-      corrupt(fmt::format("the object {} for key '{}' has no valid $class", uid, key));
+      corrupt("the object {} for key '{}' has no valid $class", uid, key);
       return nullptr;
     }
     plist_t classEntry = objects[classUID];
@@ -147,7 +156,7 @@ struct KeyedUnarchiver::State {
     std::uint64_t length = 0;
     const char* text = name ? plist_get_string_ptr(name, &length) : nullptr;
     if (!text) {
-      corrupt(fmt::format("the class entry {} has no $classname", classUID));
+      corrupt("the class entry {} has no $classname", classUID);
       return nullptr;
     }
     const std::string_view className(text, length);
@@ -156,7 +165,9 @@ struct KeyedUnarchiver::State {
     // whose class also answers to "NSMutableArray").
     archivedImmutable[uid] = cls && className.starts_with("NS") && !className.starts_with("NSMutable") &&
                              Class::named(fmt::format("NSMutable{}", className.substr(2))) == cls;
-    if (!cls) corrupt(fmt::format("cannot decode object of class ({}) for key ({}): the class is unknown", className, key));
+    // The archive's name for an unknown class is not repeated: it is text
+    // from outside.
+    if (!cls) corrupt("cannot decode the object {} for key '{}': its class is unknown", uid, key);
     return cls;
   }
 
@@ -169,14 +180,13 @@ struct KeyedUnarchiver::State {
   Id decode(KeyedUnarchiver& coder, std::uint64_t uid, const ClassList& allowed, std::string_view key) {
     if (error || uid == 0) return nullptr;
     if (uid >= objects.size()) {
-      corrupt(fmt::format("the reference {} for key '{}' is out of range", uid, key));
+      corrupt("the reference {} for key '{}' is out of range", uid, key);
       return nullptr;
     }
     const Class* cls = entryClass(uid, key);
     if (!cls) return nullptr;
     if (secure && !isAllowed(cls, allowed)) {
-      corrupt(fmt::format("value for key '{}' was of unexpected class '{}'. Allowed classes are '{}'.", key,
-                          cls->archiveName(), classNames(allowed)));
+      unexpectedClass(key, cls, allowed);
       return nullptr;
     }
     if (status[uid] != Status::Untouched) return decoded[uid];
@@ -184,7 +194,9 @@ struct KeyedUnarchiver::State {
     plist_t entry = objects[uid];
     if (plist_get_node_type(entry) != PLIST_DICT) {
       status[uid] = Status::Done;
-      return decoded[uid] = detail::objectFromPlistScalarNode(entry);
+      decoded[uid] = detail::objectFromPlistScalarNode(entry);
+      if (!decoded[uid]) corrupt("the entry {} for key '{}' is not valid text", uid, key);
+      return decoded[uid];
     }
     if (cls == String::staticClass() || cls == Data::staticClass()) return decodeValueObject(uid, cls);
     return decodeCodedObject(coder, uid, cls, allowed, key);
@@ -201,7 +213,7 @@ struct KeyedUnarchiver::State {
       plist_t bytes = plist_dict_get_item(entry, "NS.data");
       if (bytes && plist_get_node_type(bytes) == PLIST_DATA) value = detail::objectFromPlistScalarNode(bytes);
     }
-    if (!value) corrupt(fmt::format("the {} object {} has no contents", cls->archiveName(), uid));
+    if (!value) corrupt("the {} object {} has no contents", cls->archiveName(), uid);
     status[uid] = Status::Done;
     return decoded[uid] = value;
   }
@@ -209,16 +221,16 @@ struct KeyedUnarchiver::State {
   Id decodeCodedObject(KeyedUnarchiver& coder, std::uint64_t uid, const Class* cls, const ClassList& allowed,
                        std::string_view key) {
     if (secure && !cls->supportsSecureCoding()) {
-      corrupt(fmt::format("class '{}' for key '{}' does not support secure coding", cls->archiveName(), key));
+      corrupt("class '{}' for key '{}' does not support secure coding", cls->archiveName(), key);
       return nullptr;
     }
     if (frames.size() > maxDepth) {
-      corrupt(fmt::format("objects are nested more than {} levels deep", maxDepth));
+      corrupt("objects are nested more than {} levels deep", maxDepth);
       return nullptr;
     }
     Id instance = cls->allocateForDecoding();
     if (!instance) {
-      corrupt(fmt::format("cannot decode object of class ({}) for key ({})", cls->archiveName(), key));
+      corrupt("cannot decode object of class ({}) for key ({})", cls->archiveName(), key);
       return nullptr;
     }
     // Registered before its contents, so that cycles come back to it.
@@ -229,7 +241,8 @@ struct KeyedUnarchiver::State {
     try {
       instance->initWithCoder(coder);
     } catch (const Exception& exception) {
-      corrupt(fmt::format("decoding an object of class {} failed: {}", cls->archiveName(), exception.what()));
+      // The exception's reason may quote what was being decoded.
+      corrupt("decoding an object of class {} failed with {}", cls->archiveName(), exception.name());
     }
     frames.pop_back();
     status[uid] = Status::Done;
@@ -253,7 +266,7 @@ struct KeyedUnarchiver::State {
     if (!node) return nullptr;
     std::uint64_t uid = 0;
     if (!referenceOf(node, &uid)) {
-      corrupt(fmt::format("the value for key '{}' is not an object reference", key));
+      corrupt("the value for key '{}' is not an object reference", key);
       return nullptr;
     }
     return decode(coder, uid, allowed, key);
@@ -261,14 +274,15 @@ struct KeyedUnarchiver::State {
 
   // A scalar field of the current object, or nullptr when absent; a field of
   // another type fails the decode.
-  plist_t scalarField(std::string_view key, std::initializer_list<plist_type> types, const char* what) {
+  [[gnu::noinline]] plist_t scalarField(std::string_view key, std::initializer_list<plist_type> types,
+                                        const char* what) {
     if (error) return nullptr;
     plist_t node = field(key);
     if (!node) return nullptr;
     const plist_type type = plist_get_node_type(node);
     for (plist_type accepted : types)
       if (type == accepted) return node;
-    corrupt(fmt::format("the value for key '{}' is not {}", key, what));
+    corrupt("the value for key '{}' is not {}", key, what);
     return nullptr;
   }
 };
@@ -283,13 +297,13 @@ std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::initForReadingFromData_error(c
     return nullptr;
   };
   if (!data || data->length() == 0) return failed("the data is empty");
-  if (data->length() > std::numeric_limits<std::uint32_t>::max()) return failed("the data is too large");
-  plist_t root = nullptr;
-  plist_from_memory(reinterpret_cast<const char*>(data->bytes()), static_cast<std::uint32_t>(data->length()),
-                    &root);
+  bool binary = false;
+  const char* problem = nullptr;
   auto state = std::make_unique<State>();
-  state->root.reset(root);
-  if (!root || plist_get_node_type(root) != PLIST_DICT) return failed("the data is not a property list dictionary");
+  state->root.reset(detail::parsePlistNode(data->stringView(), &binary, &problem));
+  plist_t root = state->root.get();
+  if (!root) return failed(problem);
+  if (plist_get_node_type(root) != PLIST_DICT) return failed("the data is not a property list dictionary");
 
   plist_t archiver = plist_dict_get_item(root, "$archiver");
   plist_t objects = plist_dict_get_item(root, "$objects");
@@ -350,8 +364,7 @@ void KeyedUnarchiver::failWithError(const Ref<Error>& error) {
 
 Id KeyedUnarchiver::decodeObjectForKey(std::string_view key) {
   if (state_->secure) {
-    state_->corrupt(fmt::format("decoding key '{}' without a class is not allowed when secure coding is required",
-                                key));
+    state_->corrupt("decoding key '{}' without a class is not allowed when secure coding is required", key);
     return nullptr;
   }
   static const ClassList anything{Object::staticClass()};
@@ -421,7 +434,7 @@ std::vector<Id> KeyedUnarchiver::decodeArrayOfObjectsForKey(std::string_view key
     std::uint64_t uid = 0;
     referenceOf(item, &uid);
     Id member = s.decode(*this, uid, allowed, key);
-    if (!member) s.corrupt(fmt::format("a member of '{}' is not an object", key));
+    if (!member) s.corrupt("a member of '{}' is not an object", key);
     members.push_back(std::move(member));
   }
   std::free(iter);

@@ -14,13 +14,17 @@
 //
 // Failures are reported as NSCocoaErrorDomain errors whose NSDebugDescription
 // says what went wrong:
-//   NSCoderReadCorruptError (4864)   not an archive, malformed entries (bad
-//                                    UIDs, wrong types, unknown classes), a
-//                                    value of a class that is not allowed, an
-//                                    initWithCoder that threw, nesting deeper
-//                                    than maxDepth;
+//   NSCoderReadCorruptError (4864)   not an archive, a property list built to
+//                                    harm its parser (see PropertyList.h),
+//                                    malformed entries (bad UIDs, wrong types,
+//                                    unknown classes, text that is not UTF-8),
+//                                    a value of a class that is not allowed,
+//                                    an initWithCoder that threw, nesting
+//                                    deeper than maxDepth;
 //   NSCoderValueNotFoundError (4865) the archive has no root object.
-// After the first failure every decode answers nil (or 0, or empty).
+// After the first failure every decode answers nil (or 0, or empty). The
+// NSDebugDescription names the entry and the coder's key, never text taken
+// from the archive or an exception's reason.
 //
 // Objects that take part in a cycle are made blank (Class::allocateForDecoding)
 // and registered before their initWithCoder runs, so a member that refers back

@@ -5,7 +5,8 @@
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
-#include "fennick/Runtime/Internal/BinaryPlistKeys.h"
+#include "fennick/Runtime/Internal/BinaryPropertyListScan.h"
+#include "fennick/Runtime/Internal/XMLPropertyListScan.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/String.h"
 
@@ -172,15 +173,12 @@ class Writer {
   Ref<Error> error;
 
  private:
+  // Names the class and the reason only: the contents (a password, a key
+  // from outside) must not reach an error description or a log line.
   PlistOwner fail(const Object& object, std::string_view what) {
-    if (!error) {
-      // Containers are named, not described: they may hold themselves.
-      auto* collection = dynamic_cast<const Collection*>(&object);
-      const std::string shown = collection ? fmt::format("with {} members", collection->count())
-                                           : object.description().substr(0, 200);
-      error = plistError(NSPropertyListWriteInvalidError, fmt::format("Property list invalid: {} ({} {})", what,
-                                                                      object.objectClass()->name(), shown));
-    }
+    if (!error)
+      error = plistError(NSPropertyListWriteInvalidError,
+                         fmt::format("Property list invalid: {} ({})", what, object.objectClass()->name()));
     return nullptr;
   }
 
@@ -237,6 +235,23 @@ class Writer {
 
 namespace detail {
 
+PlistNode parsePlistNode(std::string_view bytes, bool* binary, const char** problem) {
+  *binary = false;
+  *problem = "The data is too large";
+  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) return nullptr;
+  const auto length = static_cast<std::uint32_t>(bytes.size());
+  *binary = plist_is_binary(bytes.data(), length);
+  // Both scans walk the whole input before libplist allocates anything.
+  *problem = *binary ? binaryPropertyListHazard(bytes, PropertyList::maxDepth)
+                     : xmlPropertyListHazard(bytes, PropertyList::maxDepth);
+  if (*problem) return nullptr;
+  plist_t root = nullptr;
+  if (*binary) plist_from_bin(bytes.data(), length, &root);
+  else plist_from_xml(bytes.data(), length, &root);
+  if (!root) *problem = *binary ? "Malformed binary property list" : "Malformed XML property list";
+  return root;
+}
+
 PlistNode newPlistNodeForNumber(const Number& number) {
   switch (number.kind()) {
     case Number::Kind::Bool: return plist_new_bool(number.boolValue());
@@ -268,7 +283,8 @@ Id objectFromPlistScalarNode(PlistNode node) {
     case PLIST_STRING: {
       std::uint64_t length = 0;
       const char* text = plist_get_string_ptr(node, &length);
-      return String::string(std::string_view(text ? text : "", text ? length : 0));
+      const std::string_view view(text ? text : "", text ? length : 0);
+      return String::isValidUTF8(view) ? String::string(view) : nullptr;
     }
     case PLIST_UINT: return numberFromPlistIntegerNode(node);
     case PLIST_REAL: {
@@ -305,18 +321,13 @@ Id PropertyList::propertyListWithBytes_format_error(std::string_view bytes, Prop
     return nullptr;
   };
   if (bytes.empty()) return failed("Cannot parse a NULL or zero-length data");
-  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) return failed("The data is too large");
-  const auto length = static_cast<std::uint32_t>(bytes.size());
-  const bool binary = plist_is_binary(bytes.data(), length);
-  if (binary && detail::binaryPlistHasKeyWithNUL(bytes)) return failed("key contains a NUL character");
-  plist_t root = nullptr;
-  if (binary) plist_from_bin(bytes.data(), length, &root);
-  else plist_from_xml(bytes.data(), length, &root);
-  PlistOwner owner(root);
-  if (!root) return failed(binary ? "Malformed binary property list" : "Malformed XML property list");
+  bool binary = false;
+  const char* problem = nullptr;
+  PlistOwner root(detail::parsePlistNode(bytes, &binary, &problem));
+  if (!root) return failed(problem);
 
   Reader reader;
-  Id result = reader.read(root, 0);
+  Id result = reader.read(root.get(), 0);
   if (!result) {
     if (error) *error = reader.error;
     return nullptr;

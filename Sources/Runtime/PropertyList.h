@@ -52,7 +52,12 @@ class PropertyList {
   /// The objects in a binary ("bplist00") or XML property list; the format
   /// found is stored in `format` when it is not null. Malformed or empty data
   /// answers nil with an error (NSCocoaErrorDomain,
-  /// NSPropertyListReadCorruptError) in `error` when it is not null.
+  /// NSPropertyListReadCorruptError) in `error` when it is not null; so does
+  /// data built to harm the reader: containers nested deeper than maxDepth,
+  /// reference cycles, shared objects that would expand far beyond the input's
+  /// size, keys and strings with a NUL that the parser would cut them at, text
+  /// that is not valid UTF-8 or UTF-16. The error's NSDebugDescription names
+  /// the reason and never quotes the data.
   static Id propertyListWithData_format_error(const Ref<Data>& data, PropertyListFormat* format,
                                               Ref<Error>* error);
   static Id propertyListWithBytes_format_error(std::string_view bytes, PropertyListFormat* format,
@@ -62,14 +67,17 @@ class PropertyList {
   /// with keys that are not strings, cyclic containers, nesting deeper than
   /// maxDepth, and dates outside the years 1933 to 2069 answer nil with an
   /// error (NSCocoaErrorDomain, NSPropertyListWriteInvalidError) naming the
-  /// offending object.
+  /// offending object's class and the reason. The error never holds the
+  /// object's contents: values written here are often secrets.
   static Ref<Data> dataWithPropertyList_format_error(const Id& plist, PropertyListFormat format,
                                                      Ref<Error>* error);
 
   /// Whether dataWithPropertyList_format_error would succeed.
   static bool propertyList_isValidForFormat(const Id& plist, PropertyListFormat format);
 
-  /// Deepest container nesting accepted when writing.
+  /// Deepest container nesting accepted when writing and when reading: lists
+  /// nested deeper read as corrupt, checked before anything of them is
+  /// parsed.
   static constexpr std::size_t maxDepth = 512;
 };
 
@@ -77,12 +85,19 @@ namespace detail {
 // libplist nodes (plist_t) for numbers, shared with the keyed archive reader:
 // these carry the workaround for libplist's lack of a signed integer type.
 using PlistNode = void*;
+/// The libplist tree of a binary or XML property list from outside, once a
+/// scan of the bytes has found them safe to hand to libplist (no nesting past
+/// PropertyList::maxDepth, no reference cycles or runaway sharing, no NUL that
+/// libplist would cut a string at); nullptr with `problem` set to a fixed
+/// text otherwise. The caller owns the tree (plist_free).
+PlistNode parsePlistNode(std::string_view bytes, bool* binary, const char** problem);
 /// A new libplist node for a number; the caller owns it.
 PlistNode newPlistNodeForNumber(const Number& number);
 /// The Number for an integer node, with its sign and kind as written.
 Ref<Number> numberFromPlistIntegerNode(PlistNode node);
 /// A runtime object for a scalar node (string, integer, real, boolean, data,
-/// date), or nil for container, UID and key nodes.
+/// date), or nil for container, UID and key nodes and for text that is not
+/// valid UTF-8.
 Id objectFromPlistScalarNode(PlistNode node);
 }  // namespace detail
 

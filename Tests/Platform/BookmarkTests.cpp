@@ -9,6 +9,8 @@
 #include "fennick/Runtime/PropertyList.h"
 #include "fennick/Runtime/String.h"
 
+#include "Runtime/HostileInputSupport.h"
+
 #include <gtest/gtest.h>
 
 namespace fennick {
@@ -103,6 +105,51 @@ TEST(BookmarkTest, DataThatIsNotABookmarkIsRefused) {
                             PropertyListFormat::Binary),
                       &stale));
   EXPECT_TRUE(stale);
+}
+
+// Bookmark data is read from preferences and files that others can write.
+TEST(BookmarkTest, HostileDataIsRefusedWithoutHarm) {
+  using testing::BinaryPlistBuilder;
+  TemporaryFolder folder;
+  ASSERT_TRUE(filetest::writeFile(folder / "item", "x"));
+  const std::string good(bookmark(URL::fileURLWithPath(folder / "item"))->stringView());
+  auto fields = [&](Id version, Id device) {
+    return std::string(PropertyList::dataWithPropertyList_format_error(
+                           Dictionary::dictionaryWithStringKeys({{"Kind", "com.orvane.fennick.bookmark"_s},
+                                                                 {"Version", version},
+                                                                 {"Path", Data::dataWithString(folder / "item")},
+                                                                 {"Device", device},
+                                                                 {"Inode", Number::numberWithInteger(1)}}),
+                           PropertyListFormat::Binary, nullptr)
+                           ->stringView());
+  };
+  BinaryPlistBuilder doubling;
+  for (std::uint64_t level = 1; level < 40; ++level) doubling.add(doubling.array({level, level}));
+  doubling.add(doubling.array({}));
+  const Id one = Number::numberWithInteger(1);
+  std::vector<std::pair<std::string, std::string>> cases = {
+      {"arrays 100,000 deep", testing::nestedBinaryArrays(100000)},
+      {"arrays doubling 40 times", doubling.build()},
+      {"XML arrays 100,000 deep", testing::xmlList(testing::repeated("<array>", 100000, "</array>"))},
+      {"version that is a real", fields(Number::numberWithDouble(1.5), one)},
+      {"version that is a boolean", fields(Number::numberWithBool(true), one)},
+      {"device that is a real", fields(one, Number::numberWithDouble(1.5))},
+      {"device that is negative", fields(one, Number::numberWithInteger(-1))},
+  };
+  for (std::size_t length = 0; length < good.size(); ++length)
+    cases.push_back({"truncated to " + std::to_string(length), good.substr(0, length)});
+  testing::runOnSmallStack([&] {
+    for (const auto& [name, bytes] : cases) {
+      Ref<Error> error;
+      bool stale = true;
+      EXPECT_FALSE(resolve(Data::dataWithString(bytes), &stale, &error)) << name;
+      ASSERT_TRUE(error) << name;
+      EXPECT_EQ(error->code(), 259) << name;
+      EXPECT_FALSE(stale) << name;
+    }
+    bool stale = true;
+    EXPECT_TRUE(resolve(Data::dataWithString(good), &stale));
+  });
 }
 
 TEST(BookmarkTest, OnlyExistingFileItemsCanBeBookmarked) {

@@ -18,6 +18,7 @@
 namespace fennick {
 namespace {
 
+using testing::elfImage;
 using testing::executableWithInfoSection;
 using testing::propertyListBytes;
 using testing::TemporaryDirectory;
@@ -91,47 +92,6 @@ TEST(Bundle, ExecutablesCarryTheirListInASection) {
 
   const std::string broken = executableWithInfoSection(dir, "broken", "bplist00 but not really");
   EXPECT_FALSE(Bundle::bundleWithPath(broken));
-}
-
-// A minimal ELF image with the given sections, in either class and byte order.
-std::string elfImage(bool is64, bool bigEndian, const std::vector<std::pair<std::string, std::string>>& sections) {
-  std::string image(is64 ? 64 : 52, '\0');
-  auto put = [&](std::size_t at, std::uint64_t value, std::size_t width) {
-    if (image.size() < at + width) image.resize(at + width);
-    for (std::size_t i = 0; i < width; ++i)
-      image[at + (bigEndian ? width - 1 - i : i)] = static_cast<char>((value >> (8 * i)) & 0xff);
-  };
-  image.replace(0, 4, "\x7f" "ELF");
-  image[4] = is64 ? 2 : 1;
-  image[5] = bigEndian ? 2 : 1;
-  std::string names(1, '\0');
-  std::vector<std::pair<std::size_t, std::size_t>> placed;  // offset, size
-  std::vector<std::size_t> nameOffsets;
-  for (const auto& [name, contents] : sections) {
-    nameOffsets.push_back(names.size());
-    names += name + '\0';
-    placed.emplace_back(image.size(), contents.size());
-    image += contents;
-  }
-  nameOffsets.push_back(names.size());
-  names += std::string(".shstrtab") + '\0';
-  placed.emplace_back(image.size(), names.size());
-  image += names;
-  const std::size_t entry = is64 ? 64 : 40, table = image.size();
-  const std::size_t count = placed.size() + 1;  // a null section first
-  image.resize(table + count * entry, '\0');
-  for (std::size_t i = 0; i < placed.size(); ++i) {
-    const std::size_t at = table + (i + 1) * entry, word = is64 ? 8 : 4;
-    put(at, nameOffsets[i], 4);
-    put(at + 4, 1, 4);  // PROGBITS
-    put(at + (is64 ? 24 : 16), placed[i].first, word);
-    put(at + (is64 ? 32 : 20), placed[i].second, word);
-  }
-  put(is64 ? 0x28 : 0x20, table, is64 ? 8 : 4);
-  put(is64 ? 0x3A : 0x2E, entry, 2);
-  put(is64 ? 0x3C : 0x30, count, 2);
-  put(is64 ? 0x3E : 0x32, count - 1, 2);
-  return image;
 }
 
 TEST(BundleELFSection, BothClassesAndByteOrdersAndHostileHeaders) {

@@ -60,7 +60,31 @@ class InsecureNode : public ArchiveNode {
   InsecureNode() = default;
 };
 
+// Throws from its coding with the value it holds in the reason, as careless
+// code does; the coders must not pass such a reason on.
+class SecretHolder : public Object {
+  FENNICK_DECLARE_CLASS(SecretHolder, Object)
+
+ public:
+  void encodeWithCoder(Coder& coder) const override {
+    if (refuseToEncode) throw Exception(NSInvalidArgumentException, "cannot encode " + secret);
+    coder.encodeObject_forKey(String::string(secret), "secret");
+  }
+  void initWithCoder(Coder& coder) override {
+    auto text = String::dynamicCastObject(coder.decodeObjectOfClass_forKey(String::staticClass(), "secret"));
+    throw Exception(NSInvalidArgumentException, "will not take " + (text ? text->utf8() : std::string()));
+  }
+
+  std::string secret;
+  bool refuseToEncode = false;
+
+ protected:
+  SecretHolder() = default;
+};
+
 FENNICK_DEFINE_CLASS(ArchiveNode) { builder.coding(); }
+FENNICK_DEFINE_CLASS(SecretHolder) { builder.coding(); }
+FENNICK_REGISTER_CLASS(SecretHolder);
 FENNICK_DEFINE_CLASS(InsecureNode) { builder.coding(false); }
 FENNICK_REGISTER_CLASS(ArchiveNode);
 FENNICK_REGISTER_CLASS(InsecureNode);
@@ -289,6 +313,32 @@ TEST(KeyedArchiver, MalformedArchivesFailWithAnError) {
   EXPECT_EQ(unarchive(kPlistClasses, xml(objects(deep)), &error), nullptr);
   ASSERT_TRUE(error);
   EXPECT_NE(error->description().find("nested"), std::string::npos) << error->description();
+}
+
+TEST(KeyedArchiver, ErrorsNeverQuoteValuesOfTheGraphOrTheArchive) {
+  const std::string secret = "hunter2-correct-horse";
+  auto holder = make<SecretHolder>();
+  holder->secret = secret;
+  std::vector<Ref<Error>> errors(3);
+  holder->refuseToEncode = true;
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject_requiringSecureCoding_error(holder, true, &errors[0]));
+  holder->refuseToEncode = false;
+  EXPECT_FALSE(unarchive({SecretHolder::staticClass()}, archive(holder), &errors[1]));
+  // A class the archive names by a text of its own.
+  auto uid = [](int n) { return "<dict><key>CF$UID</key><integer>" + std::to_string(n) + "</integer></dict>"; };
+  EXPECT_FALSE(unarchive(kPlistClasses,
+                         xml("<key>$top</key><dict><key>root</key>" + uid(1) +
+                             "</dict><key>$objects</key><array><string>$null</string><dict><key>$class</key>" +
+                             uid(2) + "</dict><dict><key>$classname</key><string>" + secret +
+                             "</string></dict></array>"),
+                         &errors[2]));
+  for (const Ref<Error>& error : errors) {
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->description().find(secret), std::string::npos) << error->description();
+  }
+  for (const Ref<Error>& error : {errors[0], errors[1]})
+    EXPECT_NE(error->description().find(NSInvalidArgumentException), std::string::npos) << error->description();
+  EXPECT_NE(errors[1]->description().find("SecretHolder"), std::string::npos) << errors[1]->description();
 }
 
 // Damage can make a decoded collection hold itself; emptying every

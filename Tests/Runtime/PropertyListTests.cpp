@@ -3,11 +3,13 @@
 #include "fennick/Runtime/Date.h"
 #include "fennick/Runtime/Dictionary.h"
 #include "fennick/Runtime/Error.h"
+#include "fennick/Runtime/Log.h"
 #include "fennick/Runtime/Null.h"
 #include "fennick/Runtime/Number.h"
 #include "fennick/Runtime/PropertyList.h"
 #include "fennick/Runtime/Set.h"
 #include "fennick/Runtime/String.h"
+#include "fennick/Runtime/URL.h"
 
 #include "Runtime/PythonReader.h"
 
@@ -185,6 +187,36 @@ TEST(PropertyList, RefusesWhatAPropertyListCannotHold) {
     EXPECT_FALSE(PropertyList::propertyList_isValidForFormat(plist, PropertyListFormat::Binary));
   }
   cyclic->removeAllObjects();
+}
+
+// Values that cannot be written are often secrets (the keychain store writes
+// passwords and logs the error): the error names the class and the reason,
+// and neither it nor a log line made of it holds the value.
+TEST(PropertyList, WriteErrorsNameTheClassButNeverTheValue) {
+  const std::string secret = "hunter2-correct-horse";
+  const std::string withNUL = secret + std::string(1, '\0');
+  const std::pair<const char*, Id> cases[] = {
+      {"String", String::string(withNUL)},
+      {"String", Dictionary::dictionaryWithStringKeys({{withNUL, "v"_s}})},
+      {"URL", Array::arrayWithObjects({URL::URLWithString("https://user:" + secret + "@example.com/")})},
+      {"Error", Error::errorWithDomain_code_description("D", 1, secret)},
+      {"Set", Set::setWithObjects({String::string(secret)})},
+  };
+  LogCapture log;
+  for (const auto& [className, plist] : cases) {
+    for (PropertyListFormat format : kFormats) {
+      Ref<Error> error;
+      EXPECT_EQ(write(plist, format, &error), nullptr) << className;
+      ASSERT_TRUE(error) << className;
+      const std::string description = error->description();
+      EXPECT_EQ(description.find(secret), std::string::npos) << description;
+      EXPECT_NE(description.find(className), std::string::npos) << description;
+      OVLog("Plist serialization error: {}", description);
+    }
+  }
+  EXPECT_EQ(log.lines().size(), 2 * std::size(cases));
+  EXPECT_FALSE(log.contains(secret));
+  EXPECT_TRUE(log.contains("Plist serialization error: "));
 }
 
 }  // namespace
