@@ -67,4 +67,13 @@ class CallOutProbe {
   int blocked_ = 0;
 };
 
+/// Calls `onDrop` when destroyed: it stands for user state captured by a
+/// callback, whose destructor is user code too.
+struct CallsWhenDropped {
+  std::function<void()> onDrop;
+  ~CallsWhenDropped() {
+    if (onDrop) onDrop();
+  }
+};
+
 }  // namespace fennick::testing
