@@ -231,11 +231,7 @@ TEST(ErrorRecovery, ObserversMayReadTheAttemptsFromAnotherThread) {
   outer->noNeedForRecovery();  // not launched and cancelled, on both
 
   // What a setter replaces (a block and what it captured) is dropped unlocked too.
-  struct ReadsWhenDropped {
-    std::function<void()> read;
-    ~ReadsWhenDropped() { read(); }
-  };
-  auto captured = std::make_shared<ReadsWhenDropped>([&] { readBoth(nullptr); });
+  auto captured = std::make_shared<CallsWhenDropped>([&] { readBoth(nullptr); });
   outerAttempt->setCancellationBlock([captured](const auto&) {});
   outerAttempt->setRecoveryAttemptBlock([captured](const auto&, std::uint64_t) { return Ref<Error>(); });
   captured.reset();
