@@ -73,7 +73,8 @@ class Alert : public Object {
 
   /// Shows the alert application-modally and returns the response once the
   /// person answered or Application::stopModalWithCode ended the run. An
-  /// alert without buttons gets an "OK" button first. Main thread.
+  /// alert without buttons gets an "OK" button first. Main thread; the main
+  /// queue goes on while the alert is up.
   std::int64_t runModal();
   /// Shows the alert as a sheet on `window` and returns at once; `handler`
   /// runs on the main thread with the response. Main thread.

@@ -34,6 +34,16 @@ void writeBackSuppressionState(const Window& window, std::int64_t state) {
   if (const Ref<Alert> alert = window.alert()) alert->suppressionButton()->setState(state);
 }
 
+// A modal run on the main thread is a nested loop, as a toolkit's is: the
+// main queue goes on meanwhile (completions, OVInteractWithUI work, syncs
+// from other threads), and a block that started the run stays suspended.
+std::int64_t waitServingMainQueue(const HeadlessPresentation& presentation) {
+  if (!dispatch::isMainThread()) return presentation.waitForResponse();
+  while (!dispatch::runMainQueueUntil([&] { return !presentation.isOpen(); }, std::chrono::hours(1))) {
+  }
+  return *presentation.response();
+}
+
 }  // namespace
 
 // -- HeadlessPresentation -------------------------------------------------------
@@ -117,8 +127,11 @@ const std::shared_ptr<HeadlessBackend>& HeadlessBackend::shared() {
 }
 
 void HeadlessBackend::setResponder(Responder responder) {
-  std::lock_guard lock(mutex_);
-  responder_ = std::move(responder);
+  {
+    std::lock_guard lock(mutex_);
+    responder_.swap(responder);
+  }
+  // The responder replaced goes here, unlocked: what it captured may call back.
 }
 
 std::vector<Ref<HeadlessPresentation>> HeadlessBackend::presentations() const {
@@ -134,8 +147,13 @@ Ref<HeadlessPresentation> HeadlessBackend::waitForPresentation(std::size_t index
 }
 
 void HeadlessBackend::removeAllPresentations() {
-  std::lock_guard lock(mutex_);
-  presentations_.clear();
+  std::vector<Ref<HeadlessPresentation>> removed;
+  {
+    std::lock_guard lock(mutex_);
+    removed.swap(presentations_);
+  }
+  // Dropped unlocked: a presentation may hold the last reference to a sheet's
+  // completion handler and what it captured.
 }
 
 int HeadlessBackend::activationCount() const {
@@ -163,7 +181,7 @@ Ref<HeadlessPresentation> HeadlessBackend::present(const Ref<Window>& window, co
 
 std::int64_t HeadlessBackend::runModalForWindow(const Ref<Window>& window) {
   const auto presentation = present(window, nullptr, nullptr);
-  const std::int64_t response = presentation->waitForResponse();
+  const std::int64_t response = waitServingMainQueue(*presentation);
   {
     std::lock_guard lock(mutex_);
     std::erase(modalRuns_, presentation);

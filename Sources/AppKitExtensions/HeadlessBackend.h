@@ -9,9 +9,13 @@
 //   setInterfaceBackend(backend);
 //   backend->setResponder([](const Ref<HeadlessPresentation>& shown) { shown->pressButton(1); });
 //
-// A modal run blocks the main thread until its presentation is answered (by
-// the responder, or from another thread) or stopped; a sheet's completion
-// handler runs on the main queue after its presentation ended. Thread-safe.
+// A modal run on the main thread lasts until its presentation is answered (by
+// the responder, or from another thread) or stopped, and serves the main
+// queue meanwhile, as a toolkit's modal loop does: blocks submitted to it run
+// inside the run, and a block that started the run is suspended until it
+// ends. A sheet's completion handler runs on the main queue after its
+// presentation ended. Thread-safe; callbacks (the responder, completion
+// handlers) are called with no lock of the backend held.
 #include "fennick/AppKitExtensions/Alert.h"
 #include "fennick/AppKitExtensions/InterfaceBackend.h"
 

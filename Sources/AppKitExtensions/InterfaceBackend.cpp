@@ -35,9 +35,13 @@ void presentUnimplementedAlert(const char* messageText, const char* informativeT
 InterfaceBackend::~InterfaceBackend() = default;
 
 void setInterfaceBackend(std::shared_ptr<InterfaceBackend> backend) {
-  std::lock_guard lock(installMutex);
-  setUnimplementedAlertPresenter(backend ? &presentUnimplementedAlert : nullptr);
-  installedBackend() = std::move(backend);
+  {
+    std::lock_guard lock(installMutex);
+    setUnimplementedAlertPresenter(backend ? &presentUnimplementedAlert : nullptr);
+    installedBackend().swap(backend);
+  }
+  // The backend replaced may end here: its destructor runs unlocked, free to
+  // ask for the backend now installed.
 }
 
 std::shared_ptr<InterfaceBackend> interfaceBackend() {

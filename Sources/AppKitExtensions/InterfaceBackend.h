@@ -23,7 +23,9 @@ class InterfaceBackend {
   /// code that ended the run. For an alert's window (window->alert() set) the
   /// backend draws the alert; pressing the button at index i ends the run
   /// with the button's tag (1000 + i), and the suppression check box's final
-  /// state is written back to the alert before the call returns.
+  /// state is written back to the alert before the call returns. The run is
+  /// a nested loop that serves the main queue: work submitted to it meanwhile
+  /// runs before the run ends, even when a main-queue block started it.
   virtual std::int64_t runModalForWindow(const Ref<Window>& window) = 0;
   /// Any thread. Ends the innermost modal run with `code`; nothing when no
   /// modal run is going on.

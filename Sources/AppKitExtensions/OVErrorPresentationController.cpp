@@ -46,8 +46,12 @@ Ref<Dictionary> OVErrorPresentationController::arraysOfValidatorInfosByErrorDoma
 }
 
 void OVErrorPresentationController::setArraysOfValidatorInfosByErrorDomain(Ref<Dictionary> validators) {
-  std::lock_guard lock(mutex_);
-  arraysOfValidatorInfosByErrorDomain_ = std::move(validators);
+  {
+    std::lock_guard lock(mutex_);
+    arraysOfValidatorInfosByErrorDomain_.swap(validators);
+  }
+  // The dictionary replaced is the owner's, with objects of the owner's in it:
+  // if it ends here, it ends unlocked.
 }
 
 void OVErrorPresentationController::addValidator_selector_forErrorDomain(const Id& validator, Selector selector,

@@ -32,8 +32,12 @@ std::shared_ptr<void> Window::peer() const {
 }
 
 void Window::setPeer(std::shared_ptr<void> peer) {
-  std::lock_guard lock(peerMutex_);
-  peer_ = std::move(peer);
+  {
+    std::lock_guard lock(peerMutex_);
+    peer_.swap(peer);
+  }
+  // The peer replaced is released unlocked: a toolkit window that ends here
+  // runs its own teardown, which may come back to this window.
 }
 
 std::string Window::description() const { return fmt::format("<Window: \"{}\">", title_); }

@@ -17,7 +17,12 @@ std::atomic<GMainContext*> attachedContext{nullptr};
 gboolean hasWork(GSource*, gint* timeout) {
   // -1: no timer of ours; arrivals wake the context through the hook.
   *timeout = -1;
-  return internal::MainLoop::shared().pendingCount() > 0;
+  internal::MainLoop& loop = internal::MainLoop::shared();
+  // Preparing while a block of the main queue runs means that the block
+  // iterates the context itself: a nested loop, in which the blocks behind
+  // it are to run.
+  if (isMainThread()) loop.serveFromNestedLoop();
+  return loop.pendingCount() > 0;
 }
 
 gboolean hasWorkNow(GSource*) { return internal::MainLoop::shared().pendingCount() > 0; }
@@ -51,6 +56,9 @@ void attachMainQueueToGLibMainContext() {
     GSource* source = g_source_new(&mainQueueSourceFuncs, sizeof(GSource));
     g_source_set_name(source, "fennick main queue");
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    // A block may run a nested loop on this context (a modal dialog); the
+    // main queue is served there too.
+    g_source_set_can_recurse(source, TRUE);
     g_source_attach(source, context);
     // The context keeps the source for the life of the process.
     g_source_unref(source);

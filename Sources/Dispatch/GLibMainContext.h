@@ -15,9 +15,13 @@ namespace fennick::dispatch {
 ///   callbacks (g_idle_add) and take turns with input and timers of the same
 ///   priority. Each dispatch runs the work that was waiting when it began, so
 ///   a block that keeps re-submitting itself cannot starve the toolkit.
-/// - Like every main-queue block, the blocks run one at a time: a nested main
-///   loop started from inside a block (a modal dialog) serves GLib sources
-///   but not the main queue until that block returns.
+/// - The blocks run one at a time and in order. A block that iterates the
+///   default context itself (a modal dialog's nested g_main_loop_run) is
+///   suspended while the blocks behind it run inside that nested loop, as
+///   they do in a nested runMainQueueUntil(); it goes on once the nested loop
+///   returns. A queue that targets the main queue stays serial: while one of
+///   its blocks is suspended, its later blocks wait. Loops on other contexts
+///   (a private GMainContext) do not serve the main queue.
 /// - The default context must be iterated on the process's main thread; a
 ///   block would otherwise run off it, and the process aborts instead.
 ///

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 
-#include "fennick/Dispatch/Internal/CurrentQueue.h"
 #include "fennick/Dispatch/Internal/MainLoop.h"
 #include "fennick/Dispatch/Internal/QueueAccess.h"
 
@@ -47,10 +46,8 @@ void main() {
 
 bool runMainQueueUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
   if (!isMainThread()) internal::fail("runMainQueueUntil() called off the main thread");
-  if (internal::hasFrame(internal::MainLoop::mainQueue().get())) {
-    internal::fail("runMainQueueUntil() called from a block of the main queue");
-  }
   internal::MainLoop& loop = internal::MainLoop::shared();
+  loop.serveFromNestedLoop();
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     if (done()) return true;

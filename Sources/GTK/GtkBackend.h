@@ -16,6 +16,8 @@
 // beginSheet and activateIgnoringOtherApps must be called there (the
 // interface layer does); stopModalWithCode and endSheet may come from any
 // thread and are carried to the main thread through GLib's default context.
+// A modal run is a nested GLib loop on that context, so the main queue keeps
+// running while the alert is up, also when one of its blocks presented it.
 #include <gtk/gtk.h>
 
 #include <cstdint>

@@ -3,13 +3,20 @@
 #include "fennick/Dispatch/Main.h"
 #include "fennick/Runtime/ClassBuilder.h"
 
+#include <optional>
 #include <utility>
 
 namespace fennick {
+namespace {
+
+constexpr const char* kLaunchedKey = "launched";
+constexpr const char* kCancelledKey = "cancelled";
+
+}  // namespace
 
 FENNICK_DEFINE_CLASS(OVErrorRecoveryAttemptInfo) {
-  builder.property("launched", &OVErrorRecoveryAttemptInfo::isLaunched, &OVErrorRecoveryAttemptInfo::setLaunched);
-  builder.property("cancelled", &OVErrorRecoveryAttemptInfo::isCancelled, &OVErrorRecoveryAttemptInfo::setCancelled);
+  builder.property(kLaunchedKey, &OVErrorRecoveryAttemptInfo::isLaunched, &OVErrorRecoveryAttemptInfo::setLaunched);
+  builder.property(kCancelledKey, &OVErrorRecoveryAttemptInfo::isCancelled, &OVErrorRecoveryAttemptInfo::setCancelled);
   builder.property("recoveryFinishAwaitingGroup", [](const OVErrorRecoveryAttemptInfo& attempt) -> Id {
     // The group is no runtime object; key-value coding tells only whether it is there.
     return Number::of(attempt.recoveryFinishAwaitingGroup() != nullptr);
@@ -30,14 +37,50 @@ Ref<OVErrorRecoveryAttemptInfo> OVErrorRecoveryAttemptInfo::recoveryAttemptInfoW
   return attempt;
 }
 
+// One observable flag changed by a transition. Observers hear will-change
+// before the attempt's lock is taken and did-change after it is released, so
+// that they may call back into the attempt, or wait for a thread that does.
+class OVErrorRecoveryAttemptInfo::FlagChange {
+ public:
+  /// `announce`: whether the transition is expected to change the flag.
+  FlagChange(OVErrorRecoveryAttemptInfo& attempt, const char* key, bool announce) : attempt_(attempt), key_(key) {
+    if (announce) scope_.emplace(attempt, key);
+  }
+  /// After the lock was released: tells the observers if the flag changed.
+  /// An announced change that did not happen (another thread was first) is
+  /// dropped; one that was not announced is told without an old value.
+  void finish(bool changed) {
+    if (!changed) {
+      scope_.reset();
+    } else if (scope_) {
+      scope_->commit();
+    } else {
+      attempt_.didChangeValueForKey(key_);
+    }
+  }
+
+ private:
+  OVErrorRecoveryAttemptInfo& attempt_;
+  const char* const key_;
+  std::optional<ValueChangeScope> scope_;
+};
+
 void OVErrorRecoveryAttemptInfo::setLaunched(bool launched) {
-  std::lock_guard lock(mutex_);
-  setAndNotify("launched", launched_, launched);
+  FlagChange change(*this, kLaunchedKey, true);
+  {
+    std::lock_guard lock(mutex_);
+    launched_.store(launched, std::memory_order_release);
+  }
+  change.finish(true);
 }
 
 void OVErrorRecoveryAttemptInfo::setCancelled(bool cancelled) {
-  std::lock_guard lock(mutex_);
-  setAndNotify("cancelled", *cancelled_, cancelled);
+  FlagChange change(*this, kCancelledKey, true);
+  {
+    std::lock_guard lock(mutex_);
+    cancelled_->store(cancelled, std::memory_order_release);
+  }
+  change.finish(true);
 }
 
 Ref<dispatch::Group> OVErrorRecoveryAttemptInfo::recoveryFinishAwaitingGroup() const {
@@ -51,8 +94,11 @@ OVErrorRecoveryAttemptInfo::RecoveryAttemptBlock OVErrorRecoveryAttemptInfo::rec
 }
 
 void OVErrorRecoveryAttemptInfo::setRecoveryAttemptBlock(RecoveryAttemptBlock block) {
-  std::lock_guard lock(mutex_);
-  recoveryAttemptBlock_ = std::move(block);
+  {
+    std::lock_guard lock(mutex_);
+    recoveryAttemptBlock_.swap(block);
+  }
+  // The block replaced goes here, unlocked: what it captured may call back.
 }
 
 OVErrorRecoveryAttemptInfo::CancellationBlock OVErrorRecoveryAttemptInfo::cancellationBlock() const {
@@ -61,8 +107,11 @@ OVErrorRecoveryAttemptInfo::CancellationBlock OVErrorRecoveryAttemptInfo::cancel
 }
 
 void OVErrorRecoveryAttemptInfo::setCancellationBlock(CancellationBlock block) {
-  std::lock_guard lock(mutex_);
-  cancellationBlock_ = std::move(block);
+  {
+    std::lock_guard lock(mutex_);
+    cancellationBlock_.swap(block);
+  }
+  // The block replaced goes here, unlocked, as in setRecoveryAttemptBlock.
 }
 
 void OVErrorRecoveryAttemptInfo::mirrorOnUnderlyingAttempt(const Ref<Error>& error, bool launched, bool cancelled) {
@@ -75,40 +124,49 @@ void OVErrorRecoveryAttemptInfo::mirrorOnUnderlyingAttempt(const Ref<Error>& err
 
 void OVErrorRecoveryAttemptInfo::startRecoveryOfError_cancellationBlock(const Ref<Error>& error,
                                                                        CancellationBlock cancellationBlock) {
-  std::lock_guard lock(mutex_);
-  setLaunched(true);
+  FlagChange launched(*this, kLaunchedKey, true);
+  {
+    // One step: a dismissal from another thread finds the block of the
+    // presentation that it sees launched. The block replaced is dropped
+    // after the lock, with the argument.
+    std::lock_guard lock(mutex_);
+    cancellationBlock_.swap(cancellationBlock);
+    launched_.store(true, std::memory_order_release);
+  }
+  launched.finish(true);
   mirrorOnUnderlyingAttempt(error, true, false);
-  cancellationBlock_ = std::move(cancellationBlock);
 }
 
 Ref<Error> OVErrorRecoveryAttemptInfo::finishRecoveryOfError_indexOfRecoveryOption(const Ref<Error>& error,
                                                                                     std::uint64_t optionIndex) {
-  RecoveryAttemptBlock block;
-  {
-    std::lock_guard lock(mutex_);
-    setLaunched(false);
-    mirrorOnUnderlyingAttempt(error, false, false);
-    block = recoveryAttemptBlock_;
-  }
+  setLaunched(false);
+  mirrorOnUnderlyingAttempt(error, false, false);
   // The recovery runs unlocked: it may present, end or wait for other attempts.
-  if (block) return block(error, optionIndex);
+  if (const RecoveryAttemptBlock block = recoveryAttemptBlock()) return block(error, optionIndex);
   const Ref<Error> underlying = error ? error->underlyingError() : nullptr;
   return underlying ? underlying->recoverWithIndexOfOption(optionIndex) : nullptr;
 }
 
 void OVErrorRecoveryAttemptInfo::noNeedForRecoveryOfError(const Ref<Error>& error) {
+  const bool looksLaunched = isLaunched();
+  FlagChange launched(*this, kLaunchedKey, looksLaunched), cancelled(*this, kCancelledKey, looksLaunched);
+  bool dismissed = false;
   CancellationBlock dismiss;
   Ref<dispatch::Group> group;
   {
+    // Whoever finds the presentation launched dismisses it, once.
     std::lock_guard lock(mutex_);
-    if (isLaunched()) {
-      setLaunched(false);
-      setCancelled(true);
-      mirrorOnUnderlyingAttempt(error, false, true);
+    if (launched_.load(std::memory_order_acquire)) {
+      dismissed = true;
+      launched_.store(false, std::memory_order_release);
+      cancelled_->store(true, std::memory_order_release);
       dismiss = cancellationBlock_;
     }
     group = std::exchange(group_, nullptr);
   }
+  launched.finish(dismissed);
+  cancelled.finish(dismissed);
+  if (dismissed) mirrorOnUnderlyingAttempt(error, false, true);
   if (dismiss) dismiss(std::static_pointer_cast<OVErrorRecoveryAttemptInfo>(self()));
   if (group) group->leave();
 }

@@ -12,7 +12,8 @@
 // atomic and the transitions are serialised, so an attempt ended from several
 // threads at once leaves its group once and calls its cancellation block once.
 // Key-value observers of "launched" and "cancelled" are told synchronously on
-// the thread that made the change.
+// the thread that made the change, with no lock of the attempt held: they may
+// read or drive the attempt, from their own thread or another.
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Runtime/Error.h"
 #include "fennick/Runtime/Object.h"
@@ -82,15 +83,17 @@ class OVErrorRecoveryAttemptInfo : public Object {
   OVErrorRecoveryAttemptInfo();
 
  private:
+  class FlagChange;
   static void mirrorOnUnderlyingAttempt(const Ref<Error>& error, bool launched, bool cancelled);
 
+  // Written under mutex_, read without it.
   std::atomic<bool> launched_{false};
   // Shared with pending completion blocks, which read it after the attempt
   // itself may be gone.
   const Ref<std::atomic<bool>> cancelled_ = std::make_shared<std::atomic<bool>>(false);
-  // Serialises the transitions; recursive because observers told of a change
-  // may call back into the attempt on the same thread.
-  mutable std::recursive_mutex mutex_;
+  // Serialises the transitions. Never held while observers, recovery,
+  // cancellation or completion blocks run.
+  mutable std::mutex mutex_;
   Ref<dispatch::Group> group_;
   RecoveryAttemptBlock recoveryAttemptBlock_;
   CancellationBlock cancellationBlock_;

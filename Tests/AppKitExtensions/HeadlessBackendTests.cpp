@@ -90,3 +90,25 @@ TEST(InterfaceBackendDeathTest, UnimplementedShowsItsAlertThroughTheInstalledBac
   // Without an installed backend the texts go to standard error.
   EXPECT_DEATH(OVAssertUnimplemented(), "Under construction\nThis part of application in not ready for regular use");
 }
+
+// A modal run is a nested loop: started from a block of the main queue, it
+// lets the main queue's other work run before the person answers.
+TEST_F(HeadlessTest, AModalRunFromAMainQueueBlockLetsTheMainQueueGoOn) {
+  MainQueueTraffic traffic;
+  bool allRanFirst = false;
+  std::vector<std::string> ranWhileUp;
+  std::thread person([&] {
+    const auto shown = backend->waitForPresentation(0, 20s);
+    if (!shown) return;
+    traffic.send();
+    allRanFirst = traffic.waitUntilAllRan(20s);
+    ranWhileUp = traffic.ran();
+    shown->pressButton(0);
+  });
+  std::optional<std::int64_t> response;
+  dispatch::mainQueue()->async([&] { response = alertWithButtons({"OK"})->runModal(); });
+  EXPECT_TRUE(dispatch::runMainQueueUntil([&] { return response.has_value(); }, 60s));
+  person.join();
+  EXPECT_TRUE(allRanFirst) << "ran while the alert was up: " << ::testing::PrintToString(ranWhileUp);
+  EXPECT_EQ(response, NSAlertFirstButtonReturn);
+}

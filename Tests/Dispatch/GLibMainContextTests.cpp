@@ -138,3 +138,125 @@ TEST_F(GLibMainContextTest, RunMainQueueUntilStillServesTheQueue) {
   std::thread([&] { mainQueue()->async([&] { ran = true; }); }).join();
   EXPECT_TRUE(runMainQueueUntil([&] { return ran; }, 20s));
 }
+
+namespace {
+
+// The two ways a block serves the main queue from inside itself: a nested
+// GLib loop on the default context (a modal dialog's) and a nested
+// runMainQueueUntil (the headless backend's modal run). Either gives up
+// after 20 s, so that a starved queue fails the test instead of hanging it.
+enum class NestedLoopKind { glibLoop, runMainQueueUntil };
+
+class NestedLoop {
+ public:
+  explicit NestedLoop(NestedLoopKind kind) : kind_(kind) {}
+  ~NestedLoop() { g_main_loop_unref(loop_); }
+
+  // False when the loop ran out of time instead of being quit.
+  bool run() {
+    if (kind_ == NestedLoopKind::runMainQueueUntil) return runMainQueueUntil([this] { return quit_; }, 20s);
+    const guint watchdog = g_timeout_add_seconds(20, [](gpointer loop) {
+      g_main_loop_quit(static_cast<GMainLoop*>(loop));
+      return G_SOURCE_REMOVE;
+    }, loop_);
+    g_main_loop_run(loop_);
+    if (quit_) g_source_remove(watchdog);
+    return quit_;
+  }
+  void quit() {
+    quit_ = true;
+    g_main_loop_quit(loop_);
+  }
+
+ private:
+  const NestedLoopKind kind_;
+  GMainLoop* loop_ = g_main_loop_new(nullptr, FALSE);
+  bool quit_ = false;
+};
+
+class NestedLoopTest : public GLibMainContextTest, public ::testing::WithParamInterface<NestedLoopKind> {
+ protected:
+  // Every block notes whether it ran as main-queue work should.
+  void note(const std::string& entry) {
+    log.push_back(entry);
+    if (!isMainThread() || Queue::current() != mainQueue()) misplaced.push_back(entry);
+  }
+
+  std::vector<std::string> log;
+  std::vector<std::string> misplaced;
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, NestedLoopTest,
+                         ::testing::Values(NestedLoopKind::glibLoop, NestedLoopKind::runMainQueueUntil),
+                         [](const auto& info) {
+                           return info.param == NestedLoopKind::glibLoop ? "GLibLoop" : "RunMainQueueUntil";
+                         });
+
+}  // namespace
+
+// The blocks behind a block that runs a nested loop run inside that loop, in
+// order: one already waiting in the same batch, blocks and a sync from a
+// worker that arrive meanwhile, and those behind a second level of nesting.
+TEST_P(NestedLoopTest, BlocksBehindABlockRunningANestedLoopRunInsideItInOrder) {
+  NestedLoop outerNested(GetParam()), innerNested(GetParam());
+  std::thread worker;
+  bool timedOut = false;
+  mainQueue()->async([&] {
+    note("A begins");
+    worker = std::thread([&] {
+      mainQueue()->async([&] { note("B1"); });
+      mainQueue()->sync([&] { note("sync from a worker"); });
+      mainQueue()->async([&] {
+        note("B2 begins");
+        mainQueue()->async([&] {
+          note("C");
+          innerNested.quit();
+        });
+        mainQueue()->async([&] {
+          note("D");
+          outerNested.quit();
+        });
+        timedOut |= !innerNested.run();
+        note("B2 ends");
+      });
+    });
+    timedOut |= !outerNested.run();
+    note("A ends");
+    mainQueue()->async([&] {
+      note("E");
+      quitLoop();
+    });
+  });
+  mainQueue()->async([&] { note("B0"); });
+  runLoop();
+  worker.join();
+  EXPECT_FALSE(timedOut) << "a nested loop was not served";
+  EXPECT_EQ(log, (std::vector<std::string>{"A begins", "B0", "B1", "sync from a worker", "B2 begins", "C", "D",
+                                           "B2 ends", "A ends", "E"}));
+  EXPECT_EQ(misplaced, std::vector<std::string>{});
+}
+
+// Only the main queue itself is served from the nested loop: a queue that
+// targets it keeps its blocks waiting behind the suspended one.
+TEST_P(NestedLoopTest, AQueueOnTheMainQueueStaysSerialWhileItsBlockIsSuspended) {
+  const auto onMain = Queue::createSerial("on-main", fennick::QOS_CLASS_UNSPECIFIED, mainQueue());
+  NestedLoop nested(GetParam());
+  bool timedOut = false;
+  onMain->async([&] {
+    log.push_back("Q1 begins");
+    onMain->async([&] {
+      log.push_back("Q2");
+      quitLoop();
+    });
+    mainQueue()->async([&] { log.push_back("M1"); });
+    mainQueue()->async([&] {
+      log.push_back("M2");
+      nested.quit();
+    });
+    timedOut = !nested.run();
+    log.push_back("Q1 ends");
+  });
+  runLoop();
+  EXPECT_FALSE(timedOut) << "the nested loop was not served";
+  EXPECT_EQ(log, (std::vector<std::string>{"Q1 begins", "M1", "M2", "Q1 ends", "Q2"}));
+}

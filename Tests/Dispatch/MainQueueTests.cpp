@@ -108,6 +108,21 @@ TEST(MainQueueDeathTest, SyncOntoTheMainQueueFromTheMainThreadAborts) {
                "off the main thread");
 }
 
+// A nested loop does not give the main queue away: the main thread still
+// holds it, and a sync onto it from there is the same programming error.
+TEST(MainQueueDeathTest, SyncOntoTheMainQueueFromANestedLoopAbortsAsADeadlock) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        mainQueue()->async([] {
+          mainQueue()->async([] { mainQueue()->sync([] {}); });
+          runMainQueueUntil([] { return false; }, 20s);
+        });
+        runMainQueueUntil([] { return false; }, 20s);
+      },
+      "sync onto queue \"fennick.main\" from work already running on it would wait forever");
+}
+
 TEST(MainQueueDeathTest, MainServesTheQueueUntilABlockEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(

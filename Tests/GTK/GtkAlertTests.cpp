@@ -8,6 +8,7 @@
 #include "DesktopSession.h"
 #include "fennick/AppKitExtensions/Application.h"
 #include "fennick/AppKitExtensions/OVErrorPresentationController.h"
+#include "fennick/Dispatch/Main.h"
 #include "fennick/GTK/GdkColor.h"
 #include "fennick/GTK/GtkBackend.h"
 #include "fennick/GTK/GtkWindowBridge.h"
@@ -17,6 +18,7 @@ using namespace fennick;
 using namespace fennick::gtktest;
 using namespace fennick::testing;
 using nlohmann::json;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -185,6 +187,36 @@ TEST_F(GtkAlertTest, AFollowUpErrorAppearsAfterRecovery) {
   EXPECT_EQ(recoverable.options(), std::vector<std::uint64_t>{0});
   // Modal runs nest: the follow-up's completion comes first.
   EXPECT_EQ(responses, (std::vector<std::int64_t>{NSAlertFirstButtonReturn, NSAlertFirstButtonReturn}));
+}
+
+// A modal alert presented from a block of the main queue runs GLib's loop
+// nested inside that block; the main queue's other work goes on before the
+// person answers.
+TEST_F(GtkAlertTest, TheMainQueueGoesOnWhileAModalAlertFromOneOfItsBlocksIsUp) {
+  RecoverableError recoverable;
+  MainQueueTraffic traffic;
+  bool allRanFirst = false;
+  std::vector<std::string> ranWhileUp;
+  std::string failure;
+  std::thread person([&] {
+    try {
+      const json shown = desktop().readWindow("dialog", "The disk is full.");
+      traffic.send();
+      allRanFirst = traffic.waitUntilAllRan(20s);
+      ranWhileUp = traffic.ran();
+      desktop().click(shown.at("buttons").at(1).at("extents"));
+    } catch (const std::exception& problem) {
+      failure = problem.what();
+      Application::sharedApplication()->stopModalWithCode(-1);
+    }
+  });
+  dispatch::mainQueue()->async([&] { controller->presentError_atWindow_completion(recoverable.error, nullptr, completion); });
+  EXPECT_TRUE(iterateUntil([&] { return !responses.empty(); }));
+  person.join();
+  EXPECT_EQ(failure, "");
+  EXPECT_TRUE(allRanFirst) << "ran while the alert was up: " << ::testing::PrintToString(ranWhileUp);
+  EXPECT_EQ(responses, std::vector<std::int64_t>{NSAlertSecondButtonReturn});
+  EXPECT_EQ(recoverable.options(), std::vector<std::uint64_t>{1});
 }
 
 TEST(GtkAlertCommand, APersonAnswersTheToolsAlert) {

@@ -4,6 +4,7 @@
 #include <thread>
 #include <vector>
 
+#include "Support/CallOutProbe.h"
 #include "TestObjects.h"
 #include "fennick/Dispatch/Main.h"
 #include "fennick/Runtime/Array.h"
@@ -198,6 +199,49 @@ TEST(ErrorRecovery, PresentationStateIsObservableOnTheError) {
                       {"presentationLaunched", true}, {"presentationLaunched", false}, {"presentationCancelled", true}}));
   recording.error->removeObserver_forKeyPath(recorder.get(), "presentationLaunched");
   recording.error->removeObserver_forKeyPath(recorder.get(), "presentationCancelled");
+}
+
+// Observers of an attempt, and of the attempt of the error it wraps, read both
+// attempts on another thread and wait for that: no lock of either attempt may
+// be held while they are told.
+TEST(ErrorRecovery, ObserversMayReadTheAttemptsFromAnotherThread) {
+  auto inner = Error::errorWithDomain_code_userInfo("inner", 1)->errorWithRecoveryAttemptBlock(nullptr);
+  auto outer = inner->overrideWithErrorWithDomain_code_description_recoverySuggestion_recoveryOptions_userInfo_recoveryAttemptBlock(
+      "outer", 2, "Outer", std::nullopt, nullptr, nullptr, nullptr);
+  const auto outerAttempt = outer->recoveryAttemptInfo(), innerAttempt = inner->recoveryAttemptInfo();
+  CallOutProbe probe;
+  auto readBoth = [&](const Ref<Dictionary>&) {
+    probe.readElsewhere([outerAttempt, innerAttempt] {
+      for (const auto& attempt : {outerAttempt, innerAttempt}) {
+        (void)attempt->recoveryFinishAwaitingGroup();
+        (void)attempt->cancellationBlock();
+        (void)attempt->recoveryAttemptBlock();
+      }
+    });
+  };
+  std::vector<KeyValueObservation> observations;
+  for (const auto& attempt : {outerAttempt, innerAttempt}) {
+    for (const char* key : {"launched", "cancelled"})
+      observations.push_back(attempt->addObserver_forKeyPath_options(key, NSKeyValueObservingOptionNew, readBoth));
+  }
+
+  outerAttempt->startRecoveryOfError_cancellationBlock(outer, nullptr);  // launched, on both
+  outer->recoverWithIndexOfOption(0);  // not launched, on both, and on the inner one again by its own recovery
+  outerAttempt->startRecoveryOfError_cancellationBlock(outer, nullptr);
+  outer->noNeedForRecovery();  // not launched and cancelled, on both
+
+  // What a setter replaces (a block and what it captured) is dropped unlocked too.
+  auto captured = std::make_shared<CallsWhenDropped>([&] { readBoth(nullptr); });
+  outerAttempt->setCancellationBlock([captured](const auto&) {});
+  outerAttempt->setRecoveryAttemptBlock([captured](const auto&, std::uint64_t) { return Ref<Error>(); });
+  captured.reset();
+  outerAttempt->setCancellationBlock(nullptr);
+  outerAttempt->setRecoveryAttemptBlock(nullptr);  // the last holder
+
+  probe.joinAll();
+  EXPECT_EQ(probe.blocked(), 0) << "user code was called with a lock of the attempt held";
+  EXPECT_EQ(probe.calls(), 12);
+  EXPECT_TRUE(inner->isPresentationCancelled());
 }
 
 TEST(ErrorRecovery, AnAttemptThatGoesAwayReleasesItsWaiters) {

@@ -44,6 +44,12 @@ bool MainLoop::runOne() noexcept {
   return true;
 }
 
+void MainLoop::serveFromNestedLoop() noexcept {
+  // The main queue's drains all run here, on the main thread: a drain that
+  // is running now is on this very stack, below the nested loop.
+  static_cast<SerialQueue&>(QueueCore::of(*mainQueue())).releaseRunningDrain();
+}
+
 void MainLoop::waitForWork(std::chrono::nanoseconds timeout) noexcept {
   const std::uint32_t seen = signal_.load(std::memory_order_seq_cst);
   if (size_.load(std::memory_order_seq_cst) > 0) return;

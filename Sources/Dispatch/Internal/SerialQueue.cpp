@@ -50,29 +50,45 @@ void SerialQueue::schedule(bool wake) {
 }
 
 void SerialQueue::drain(QueueCore* running) noexcept {
-  std::uint64_t retired = 0;
+  ActiveDrain active{running};
+  activeDrain_ = &active;
   // Read once: carried_ shares a cache line with the producers' counter.
   WorkItem* carried = std::exchange(carried_, nullptr);
   std::uint64_t known = pending_.load(std::memory_order_acquire);
-  while (retired < kBatchLimit) {
-    if (retired == known) {
+  while (active.retired < kBatchLimit) {
+    if (active.retired == known) {
       known = pending_.load(std::memory_order_acquire);
-      if (known == retired) break;
+      if (known == active.retired) break;
     }
     if (suspension_.isSuspended()) {
       carried_ = carried;
-      pause(retired);
+      activeDrain_ = nullptr;
+      pause(active.retired);
       return;
     }
     WorkItem* item = carried ? std::exchange(carried, nullptr) : popReady();
-    ++retired;
+    ++active.retired;
     if (item->kind == ItemKind::SyncWaiter) {
-      handOff(*static_cast<SyncRequest*>(item->context), retired);
+      activeDrain_ = nullptr;
+      handOff(*static_cast<SyncRequest*>(item->context), active.retired);
       return;
     }
     runItem(item, this);
+    // Released from inside the item: the queue is no longer ours to touch.
+    if (active.released) return;
   }
-  finishBatch(retired, running);
+  activeDrain_ = nullptr;
+  finishBatch(active.retired, running);
+}
+
+bool SerialQueue::releaseRunningDrain() noexcept {
+  ActiveDrain* active = std::exchange(activeDrain_, nullptr);
+  if (active == nullptr) return false;
+  // Items run one at a time, so `carried` was used up before the item that
+  // calls us: retiring what ran is all there is to settle.
+  active->released = true;
+  finishBatch(active->retired, active->running);
+  return true;
 }
 
 void SerialQueue::finishBatch(std::uint64_t retired, QueueCore* running) noexcept {

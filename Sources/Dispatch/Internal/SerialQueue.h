@@ -11,6 +11,11 @@
 //
 // An owner that finds the queue suspended parks it instead of going on (see
 // Suspension); the resume that ends the suspension restarts it.
+//
+// The main queue's drain may be released while one of its items is still
+// running: the item started a nested event loop that serves the main queue,
+// and the drain's owner (the main thread) is the one that lets it go (see
+// releaseRunningDrain).
 #include <atomic>
 #include <cstdint>
 
@@ -43,6 +48,14 @@ class SerialQueue final : public QueueCore {
   /// Sync: gives the queue back, scheduling a drain if work arrived meanwhile.
   void release() noexcept;
 
+  /// Called from inside an item of this queue's drain, on the thread running
+  /// the drain: the drain retires everything it ran, that item included, and
+  /// passes the queue on as at the end of a batch, so that a new drain can run
+  /// the items behind it while it is still on the stack. The released drain
+  /// stops when the item returns. False when no drain of this queue is
+  /// running. Only the main queue uses it: its drains all run on one thread.
+  bool releaseRunningDrain() noexcept;
+
   /// Items a drain runs before it lets other queues of its target go first.
   static constexpr std::uint64_t kBatchLimit = 128;
 
@@ -59,6 +72,13 @@ class SerialQueue final : public QueueCore {
   void handOff(SyncRequest& request, std::uint64_t retired) noexcept;
   WorkItem* popReady() noexcept;
 
+  // A drain in progress, on the stack of the thread running it.
+  struct ActiveDrain {
+    QueueCore* running;
+    std::uint64_t retired = 0;
+    bool released = false;
+  };
+
   MpscQueue<WorkItem> items_;
   alignas(64) std::atomic<std::uint64_t> pending_{0};
   // Keeps the queue alive while its drain is scheduled; only the owner touches it.
@@ -68,6 +88,9 @@ class SerialQueue final : public QueueCore {
   WorkItem* carried_ = nullptr;
   WorkItem drainItem_;
   Suspension suspension_;
+  // The drain that owns the queue right now, if one does. Touched only by
+  // the queue's owner, away from the producers' cache line.
+  ActiveDrain* activeDrain_ = nullptr;
 };
 
 }  // namespace fennick::dispatch::internal
