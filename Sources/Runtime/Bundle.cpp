@@ -31,8 +31,11 @@ constexpr off_t maxInfoListSize = 16 << 20;
 
 class FileDescriptor {
  public:
+  // Non-blocking, so that a FIFO put where a file was a moment ago cannot
+  // hold the open until a writer comes; the caller then refuses anything that
+  // is not a regular file.
   explicit FileDescriptor(const std::string& path) {
-    do fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    do fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     while (fd_ < 0 && errno == EINTR);
   }
   ~FileDescriptor() {
