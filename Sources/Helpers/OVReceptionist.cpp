@@ -134,6 +134,11 @@ void OVReceptionist::waitForPendingRequests() {
     if (!internalQueue_->isCurrent()) internalQueue_->sync([] {});
     return;
   }
+  // In a block of a queue of ours that drains on the main thread, everything
+  // submitted before has run, and serving the main queue could never run it
+  // again (it stays serial while its block waits). The main queue itself
+  // counts as current on the main thread even between blocks, and is served.
+  if (internalQueue_ != dispatch::mainQueue() && internalQueue_->isCurrent()) return;
   // The main thread counts as holding the main queue: serve it instead.
   auto done = std::make_shared<std::atomic<bool>>(false);
   internalQueue_->async([done] { done->store(true, std::memory_order_release); });

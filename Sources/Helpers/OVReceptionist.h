@@ -97,8 +97,8 @@ class OVReceptionist : public Object {
   /// Blocks until every start and stop submitted before the call has taken
   /// effect. Safe from any thread, the main thread included: when the
   /// internal queue drains on the main thread, the main queue is served
-  /// meanwhile (so it must not be called from a main-queue block then, which
-  /// aborts). Returns at once without a queue and on the internal queue.
+  /// meanwhile (from a main-queue block too, as a nested loop would). Returns
+  /// at once without a queue and on the internal queue.
   void waitForPendingRequests();
   /// Runs a copy of the request asynchronously on the internal queue.
   void performRequest(const Ref<OVReceptionistSubscriptionRequest>& request);

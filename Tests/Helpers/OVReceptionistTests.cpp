@@ -458,5 +458,19 @@ TEST(OVReceptionist, WaitingForPendingRequestsFromTheMainThread) {
   }
 }
 
+// From a block of its own internal queue, everything before has run: the wait
+// returns at once, also when that queue drains on the main thread (where
+// waiting would serve a main queue whose serial queue cannot run again).
+TEST(OVReceptionist, WaitingForPendingRequestsOnTheInternalQueueReturnsAtOnce) {
+  auto owner = dispatch::Queue::createSerial("test.owner.main", QOS_CLASS_UNSPECIFIED, dispatch::mainQueue());
+  auto receptionist = OVReceptionist::initWithInternalQueue(owner);
+  auto returned = std::make_shared<std::atomic<bool>>(false);
+  owner->async([receptionist, returned] {
+    receptionist->waitForPendingRequests();
+    returned->store(true);
+  });
+  EXPECT_TRUE(dispatch::runMainQueueUntil([&] { return returned->load(); }, std::chrono::seconds(20)));
+}
+
 }  // namespace
 }  // namespace fennick
