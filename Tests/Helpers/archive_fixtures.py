@@ -232,6 +232,7 @@ def hostile_set(folder: str, outside: str) -> None:
     write_zip(out("modes.zip"), [("suid", 0o104777, "x"), ("sgid", 0o102777, "x"), ("open/", 0o040777, ""),
                                  ("open/file", 0o100666, "x")])
     hostile_images(folder)
+    directory_set(folder)
     for name in ("pipe.zip", "pipe.dmg", "pipe.bin"):
         os.mkfifo(out(name), 0o644)
 

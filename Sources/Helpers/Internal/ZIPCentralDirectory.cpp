@@ -220,7 +220,7 @@ ZIPDirectoryProblem ZIPCentralDirectory::readAll(const ByteReader& read, std::ui
 
 ZIPDirectoryProblem ZIPCentralDirectory::readRecords(const ByteReader& read, const Bounds& bounds) {
   directory_.resize(static_cast<std::size_t>(bounds.size));
-  if (!read(bounds.offset, std::span<char>(directory_))) return ZIPDirectoryProblem::Unreadable;
+  if (!directory_.empty() && !read(bounds.offset, std::span<char>(directory_))) return ZIPDirectoryProblem::Unreadable;
   const std::string_view directory(directory_.data(), directory_.size());
   std::vector<Span> spans;
   spans.reserve(static_cast<std::size_t>(bounds.entries));
