@@ -62,6 +62,8 @@ const HostileCase kHostileCases[] = {
     // never sees them; the modes they would give are not applied.
     {"valid.zip", Expect::Unpacks},
     {"zip64-end.zip", Expect::Unpacks},
+    {"descriptors.zip", Expect::Unpacks},
+    {"hidden-entry.zip", Expect::UnsafeContent},  // bsdtar sees an entry the directory leaves out
     {"directory-shifted.zip", Expect::UnsafeContent},
     {"end-in-comment.zip", Expect::UnsafeContent},
     {"count-beyond-directory.zip", Expect::UnsafeContent},

@@ -59,7 +59,7 @@ class ZIPDirectoryFixtures : public ::testing::Test {
 Sandbox* ZIPDirectoryFixtures::sandbox_ = nullptr;
 
 TEST_F(ZIPDirectoryFixtures, HonestDirectoriesListEveryEntryWithItsMode) {
-  for (const char* name : {"valid.zip", "zip64-end.zip"}) {
+  for (const char* name : {"valid.zip", "zip64-end.zip", "descriptors.zip"}) {
     SCOPED_TRACE(name);
     const ReadResult result = readDirectory(archive(name));
     ASSERT_EQ(result.problem, ZIPDirectoryProblem::None);
@@ -95,11 +95,13 @@ const LyingDirectory kLyingDirectories[] = {
     {"zip64-huge-size.zip", ZIPDirectoryProblem::OutOfRange},
     {"zip64-extra-offset.zip", ZIPDirectoryProblem::OutOfRange},
     {"local-offset-past-directory.zip", ZIPDirectoryProblem::OutOfRange},
-    // Records that do not match their entries, or share bytes with another.
+    // Records that do not match their entries, share bytes with another, or
+    // leave an entry out.
     {"count-too-small.zip", ZIPDirectoryProblem::Malformed},
     {"name-mismatch.zip", ZIPDirectoryProblem::Malformed},
     {"nul-name.zip", ZIPDirectoryProblem::Malformed},
     {"overlapping.zip", ZIPDirectoryProblem::Overlapping},
+    {"hidden-entry.zip", ZIPDirectoryProblem::UnlistedBytes},
     {"long-name.zip", ZIPDirectoryProblem::TooLarge},
 };
 

@@ -307,6 +307,19 @@ def mode_set(folder: str, outside: str) -> None:
         write_plain_zip(out(name), [("ok.txt", FILE, "ok")] + links)
 
 
+class Unseekable(io.BytesIO):
+    def seek(self, *arguments):
+        raise OSError("a pipe cannot seek")
+
+
+def unseekable_zip(entries) -> bytes:
+    stream = Unseekable()
+    with zipfile.ZipFile(stream, "w") as archive:
+        for name, mode, content in entries:
+            archive.writestr(entry(name, mode), content)
+    return stream.getvalue()
+
+
 def directory_records(data: bytes):
     """The offsets of the central directory's records and of the end record."""
     end = data.rfind(b"PK\x05\x06")
@@ -362,6 +375,19 @@ def directory_set(folder: str) -> None:
     moved = patched(moved, first + 42, "<I", 0xFFFFFFFF)
     new_end = end + len(extra)
     cases["zip64-extra-offset.zip"] = patched(moved, new_end + 12, "<I", size + len(extra))
+    # An entry that the directory leaves out, which bsdtar would unpack.
+    listed_path = os.path.join(folder, "listed.zip")
+    write_plain_zip(listed_path, [("a.txt", FILE, "a"), ("hidden", FILE, "unlisted"), ("b.txt", FILE, "b")])
+    with open(listed_path, "rb") as f:
+        listed = f.read()
+    os.remove(listed_path)
+    (_, hidden, after), end = directory_records(listed)
+    size = struct.unpack("<I", listed[end + 12:end + 16])[0]
+    cut = after - hidden
+    cases["hidden-entry.zip"] = patched(listed[:hidden] + listed[after:], end - cut + 8, "<HHI", 2, 2, size - cut)
+    # Data descriptors after each entry's data, as writers to a pipe put them.
+    with open(os.path.join(folder, "descriptors.zip"), "wb") as f:
+        f.write(unseekable_zip([("a.txt", FILE, "a" * 100), ("b/", FOLDER, ""), ("b/c", LINK, "../a.txt")]))
     # A name longer than any path: 20 folders of 250 bytes.
     write_plain_zip(os.path.join(folder, "long-name.zip"), [(("n" * 250 + "/") * 20 + "f", FILE, "x")])
     for name, data in cases.items():

@@ -22,6 +22,7 @@ constexpr std::size_t kZIP64EndFixedPart = 12;  // signature and the record's ow
 constexpr std::size_t kDirectoryRecordLength = 46;
 constexpr std::size_t kLocalHeaderLength = 30;
 constexpr std::uint16_t kZIP64ExtraField = 0x0001;
+constexpr std::uint16_t kDataDescriptorFlag = 1 << 3;
 
 constexpr std::uint16_t kMarker16 = 0xFFFF;
 constexpr std::uint32_t kMarker32 = 0xFFFF'FFFF;
@@ -159,16 +160,19 @@ ZIPDirectoryProblem widen(std::string_view extra, WideFields& fields) {
   return ZIPDirectoryProblem::None;
 }
 
-// Where an entry's local header and data lie.
+// Where an entry's local header and data lie, and whether a data
+// descriptor (of 12 to 24 bytes, by its signature and ZIP64 sizes) follows.
 struct Span {
   std::uint64_t start;
   std::uint64_t end;
+  bool described;
 };
 
 // Checks the local header that a directory record points at: before the
 // directory, with the same name; answers the span of header and data.
 ZIPDirectoryProblem checkLocalHeader(const ZIPCentralDirectory::ByteReader& read, const WideFields& fields,
-                                     std::string_view name, std::uint64_t directoryOffset, Span& span) {
+                                     std::string_view name, bool described, std::uint64_t directoryOffset,
+                                     Span& span) {
   if (!fitsBefore(fields.localOffset, kLocalHeaderLength + name.size(), directoryOffset))
     return ZIPDirectoryProblem::OutOfRange;
   std::string header(kLocalHeaderLength + name.size(), '\0');
@@ -180,15 +184,31 @@ ZIPDirectoryProblem checkLocalHeader(const ZIPCentralDirectory::ByteReader& read
   if (!fitsBefore(fields.localOffset, headerLength, directoryOffset) ||
       !fitsBefore(fields.localOffset + headerLength, fields.compressedSize, directoryOffset))
     return ZIPDirectoryProblem::OutOfRange;
-  span = {fields.localOffset, fields.localOffset + headerLength + fields.compressedSize};
+  span = {fields.localOffset, fields.localOffset + headerLength + fields.compressedSize, described};
   return ZIPDirectoryProblem::None;
 }
 
-ZIPDirectoryProblem checkNoOverlap(std::vector<Span>& spans) {
+bool isDescriptorLength(std::uint64_t gap) { return gap == 12 || gap == 16 || gap == 20 || gap == 24; }
+
+// The entries fill the archive up to the directory, one after another: no
+// two share a byte, and between them stands at most the data descriptor of
+// the one before. Anything else there is an entry that a reader of the
+// local headers (bsdtar) would unpack and a reader of the directory would
+// never list.
+ZIPDirectoryProblem checkTiling(std::vector<Span>& spans, std::uint64_t directoryOffset) {
   std::sort(spans.begin(), spans.end(), [](const Span& a, const Span& b) { return a.start < b.start; });
-  for (std::size_t i = 1; i < spans.size(); ++i)
-    if (spans[i - 1].end > spans[i].start) return ZIPDirectoryProblem::Overlapping;
-  return ZIPDirectoryProblem::None;
+  std::uint64_t covered = 0;
+  bool described = false;
+  auto gapIsAllowed = [&](std::uint64_t next) {
+    return next == covered || (described && isDescriptorLength(next - covered));
+  };
+  for (const Span& span : spans) {
+    if (span.start < covered) return ZIPDirectoryProblem::Overlapping;
+    if (!gapIsAllowed(span.start)) return ZIPDirectoryProblem::UnlistedBytes;
+    covered = span.end;
+    described = span.described;
+  }
+  return gapIsAllowed(directoryOffset) ? ZIPDirectoryProblem::None : ZIPDirectoryProblem::UnlistedBytes;
 }
 
 }  // namespace
@@ -246,7 +266,8 @@ ZIPDirectoryProblem ZIPCentralDirectory::readRecords(const ByteReader& read, con
       return problem;
     if (fields.diskStart != 0) return ZIPDirectoryProblem::Malformed;
     Span span{};
-    if (const auto problem = checkLocalHeader(read, fields, name, bounds.offset, span);
+    const bool described = (le16(directory, at + 8) & kDataDescriptorFlag) != 0;
+    if (const auto problem = checkLocalHeader(read, fields, name, described, bounds.offset, span);
         problem != ZIPDirectoryProblem::None)
       return problem;
     spans.push_back(span);
@@ -254,7 +275,7 @@ ZIPDirectoryProblem ZIPCentralDirectory::readRecords(const ByteReader& read, con
     at += recordLength;
   }
   if (at != directory.size()) return ZIPDirectoryProblem::Malformed;
-  return checkNoOverlap(spans);
+  return checkTiling(spans, bounds.offset);
 }
 
 const char* describeZIPDirectoryProblem(ZIPDirectoryProblem problem) {
@@ -271,6 +292,8 @@ const char* describeZIPDirectoryProblem(ZIPDirectoryProblem problem) {
       return "The archive's directory is malformed.";
     case ZIPDirectoryProblem::Overlapping:
       return "The archive's entries overlap.";
+    case ZIPDirectoryProblem::UnlistedBytes:
+      return "The archive holds data that its directory does not list.";
     case ZIPDirectoryProblem::TooLarge:
       return "The archive's directory is larger than allowed.";
     case ZIPDirectoryProblem::Unreadable:

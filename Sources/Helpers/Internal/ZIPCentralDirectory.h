@@ -12,8 +12,11 @@
 // that it does not stand in for; the directory must end where the end
 // records begin, hold as many records as it claims and nothing after them;
 // each record's local header must lie before the directory, carry the same
-// name (which holds no NUL byte), and its header and data must not overlap
-// another entry's. Entry counts and name lengths are bounded, every sum is
+// name (which holds no NUL byte), and the entries' headers and data must
+// follow one another up to the directory, with nothing but a data
+// descriptor between them: an entry that the directory leaves out would be
+// unpacked by a reader of the local headers (bsdtar) and missed by one of
+// the directory. Entry counts and name lengths are bounded, every sum is
 // checked for overflow, and no more is read or allocated than the file
 // holds. The walk is a loop over the records, never a recursion.
 #include <cstddef>
@@ -48,6 +51,7 @@ enum class ZIPDirectoryProblem {
   OutOfRange,          // an offset or size that points outside where it must lie
   Malformed,           // a wrong signature, a field that does not fit, a name mismatch
   Overlapping,         // two entries that share bytes
+  UnlistedBytes,       // bytes between entries, or before the directory, that it does not list
   TooLarge,            // more entries, a longer name or a larger directory than allowed
   Unreadable,          // the bytes could not be read
 };
