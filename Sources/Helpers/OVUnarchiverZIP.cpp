@@ -40,9 +40,26 @@ namespace {
 constexpr const char* kZIPTool = "/usr/bin/bsdtar";
 constexpr std::size_t kFeedChunkSize = 262'144;
 
+// The path bsdtar writes for a name, folded to lower case: empty and "."
+// components fall away, so "./a", "a/" and "a" are one item.
+std::string foldedPath(std::string_view name) {
+  std::string path;
+  while (!name.empty()) {
+    const std::size_t slash = name.find('/');
+    const std::string_view component = name.substr(0, slash);
+    name = slash == std::string_view::npos ? std::string_view() : name.substr(slash + 1);
+    if (component.empty() || component == ".") continue;
+    if (!path.empty()) path += '/';
+    path.append(component);
+  }
+  for (char& c : path)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return path;
+}
+
 // bsdtar's -v names every entry on a line of its own, "x NAME", followed on
-// the same line by any complaint about it. A name given twice (in any case)
-// would have one entry silently win over the other.
+// the same line by any complaint about it. A name given twice (in any case
+// or spelling) would have one entry silently win over the other.
 bool namesAnEntryTwice(std::string_view listing) {
   std::set<std::string> names;
   while (!listing.empty()) {
@@ -51,11 +68,7 @@ bool namesAnEntryTwice(std::string_view listing) {
     listing = end == std::string_view::npos ? std::string_view() : listing.substr(end + 1);
     if (line.substr(0, 2) != "x ") continue;
     line.remove_prefix(2);
-    while (line.size() > 1 && line.back() == '/') line.remove_suffix(1);
-    std::string folded(line);
-    for (char& c : folded)
-      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    if (!names.insert(std::move(folded)).second) return true;
+    if (!names.insert(foldedPath(line)).second) return true;
   }
   return false;
 }

@@ -41,6 +41,7 @@ const HostileCase kHostileCases[] = {
     {"link-after-name.zip", Expect::UnsafeContent, true},
     {"device.zip", Expect::AnyError, true},  // root gets a node to refuse; others cannot make one
     {"duplicate.zip", Expect::UnsafeContent},
+    {"duplicate-spelling.zip", Expect::UnsafeContent},  // "./twice.txt" and "twice.txt"
     {"case.zip", Expect::UnsafeContent},
     {"deep.zip", Expect::UnsafeContent},
     {"bomb.zip", Expect::TooLarge},

@@ -208,6 +208,7 @@ def hostile_set(folder: str, outside: str) -> None:
     write_zip(out("device.zip"), [("null", 0o020666, "")])
     write_zip(out("fifo.zip"), [("pipe", 0o010666, "")])
     write_zip(out("duplicate.zip"), [("twice.txt", FILE, "first"), ("twice.txt", FILE, "second")])
+    write_zip(out("duplicate-spelling.zip"), [("./twice.txt", FILE, "first"), ("twice.txt", FILE, "second")])
     write_zip(out("case.zip"), [("ReadMe", FILE, "one"), ("README", FILE, "two")])
     write_zip(out("deep.zip"), [("d/" * 140 + "f", FILE, "deep")])
     huge_declared_size(folder)
