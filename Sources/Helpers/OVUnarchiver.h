@@ -44,8 +44,9 @@
 //   fails with OVUnarchiverErrorUnsafeContent. Entries made on other systems
 //   keep the umask's permissions. A central directory that contradicts
 //   itself or the entries (two end records, counts, sizes or offsets beyond
-//   the file, entries that overlap or whose names differ from their own
-//   headers') fails the job with OVUnarchiverErrorUnsafeContent.
+//   the file, entries that overlap, that it leaves out, or whose names differ
+//   from their own headers') fails the job with
+//   OVUnarchiverErrorUnsafeContent.
 // - Before anything leaves that folder it is looked over without following
 //   links: a device node, FIFO, socket, hard link, a symbolic link whose
 //   relative target climbs out of the unpacked tree, two names that differ

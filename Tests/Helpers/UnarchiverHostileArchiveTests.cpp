@@ -59,30 +59,21 @@ const HostileCase kHostileCases[] = {
     {"truncated-second-entry.zip", Expect::ToolFailure},
     {"truncated-central-directory.zip", Expect::UnsafeContent},
     {"truncated-end-record.zip", Expect::UnsafeContent},
-    // Central directories that lie: bsdtar, reading the entries as a stream,
-    // never sees them; the modes they would give are not applied.
+    // Central directories, which bsdtar reading a stream never sees: honest
+    // ones (plain, ZIP64, with data descriptors) unpack; one of each kind of
+    // lie fails the job (the reader's own tests go through them all).
     {"valid.zip", Expect::Unpacks},
     {"zip64-end.zip", Expect::Unpacks},
     {"descriptors.zip", Expect::Unpacks},
-    {"hidden-entry.zip", Expect::UnsafeContent},  // bsdtar sees an entry the directory leaves out
-    {"directory-shifted.zip", Expect::UnsafeContent},
     {"end-in-comment.zip", Expect::UnsafeContent},
     {"count-beyond-directory.zip", Expect::UnsafeContent},
-    {"count-too-small.zip", Expect::UnsafeContent},
-    {"offset-past-end.zip", Expect::UnsafeContent},
-    {"size-past-end.zip", Expect::UnsafeContent},
-    {"zip64-huge-count.zip", Expect::UnsafeContent},
     {"zip64-huge-offset.zip", Expect::UnsafeContent},
-    {"zip64-huge-size.zip", Expect::UnsafeContent},
-    {"zip64-disagrees.zip", Expect::UnsafeContent},
     {"zip64-extra-offset.zip", Expect::UnsafeContent},
-    {"local-offset-past-directory.zip", Expect::UnsafeContent},
     {"overlapping.zip", Expect::UnsafeContent},
+    {"hidden-entry.zip", Expect::UnsafeContent},  // bsdtar would unpack an entry the directory leaves out
     {"name-mismatch.zip", Expect::UnsafeContent},
-    {"nul-name.zip", Expect::UnsafeContent},
+    {"nul-name.zip", Expect::UnsafeContent},  // bsdtar would cut the name at the NUL
     {"long-name.zip", Expect::UnsafeContent},
-    {"no-end-record.zip", Expect::UnsafeContent},
-    {"bytes-after-end.zip", Expect::UnsafeContent},
     // Archives that are not regular files are never opened for reading.
     {"pipe.zip", Expect::AnyError, true},
     {"pipe.dmg", Expect::AnyError, true},

@@ -33,7 +33,7 @@ void buildInfoZIPArchive(const fs::path& folder) {
   fs::permissions(app / "doc.txt", fs::perms(0644));
   fs::permissions(app / "Versions" / "A" / "lib.so", fs::perms(0644));
   fs::permissions(app / "bin", fs::perms(0700));
-  sh("cd " + quoted(app.parent_path()) + " && zip -qry " + quoted(folder / "infozip.zip") + " App");
+  sh("umask 022 && cd " + quoted(app.parent_path()) + " && zip -qry " + quoted(folder / "infozip.zip") + " App");
   fs::remove_all(app.parent_path());
 }
 
