@@ -30,18 +30,32 @@
 //   be a regular file; a FIFO or device is never opened for reading.
 // - The tools unpack into a folder of mode 0700 under the temporary
 //   directory (named by a UUID and made afresh: a planted folder or link of
-//   that name makes the job pick another), with no owners, permissions
-//   beyond the caller's umask, ACLs, extended attributes or file flags taken
-//   from the archive. Absolute and ".." entries and writing through links
+//   that name makes the job pick another), with no owners, ACLs, extended
+//   attributes or file flags taken from the archive, and permissions from
+//   the caller's umask. Absolute and ".." entries and writing through links
 //   fail the tool.
+// - ZIP writers keep Unix modes and links in the archive's central
+//   directory, which bsdtar, reading a stream, never sees; the job reads it
+//   from the archive file afterwards. An entry made on Unix gets the
+//   permission bits recorded there, less the unsafe ones below (a folder
+//   always stays open to its owner and a file readable by it), and a link
+//   recorded there is a link: its target must be relative, stay inside the
+//   unpacked tree, hold no NUL byte and be shorter than PATH_MAX, or the job
+//   fails with OVUnarchiverErrorUnsafeContent. Entries made on other systems
+//   keep the umask's permissions. A central directory that contradicts
+//   itself or the entries (two end records, counts, sizes or offsets beyond
+//   the file, entries that overlap, that it leaves out, or whose names differ
+//   from their own headers') fails the job with
+//   OVUnarchiverErrorUnsafeContent.
 // - Before anything leaves that folder it is looked over without following
 //   links: a device node, FIFO, socket, hard link, a symbolic link whose
 //   relative target climbs out of the unpacked tree, two names that differ
 //   only in case (or one name given twice), or folders nested past 128
 //   levels fail the job with OVUnarchiverErrorUnsafeContent and the folder is
-//   removed; set-user-ID, set-group-ID and world-write bits are taken away.
-//   Absolute link targets are kept as the archive records them (a disk
-//   image's "Applications" link to "/Applications" stays one).
+//   removed; set-user-ID, set-group-ID and sticky bits and write permission
+//   for group and others are taken away (04755 and 0777 both come out as
+//   0755). A disk image's absolute link targets are kept as it records them
+//   (its "Applications" link to "/Applications" stays one).
 // - An archive may unpack to at most OVUnarchiverExtractedBytesFloor plus
 //   OVUnarchiverExtractedBytesPerArchiveByte times its own size (counted as
 //   the bytes the tool writes); past that the tool is ended and the job fails

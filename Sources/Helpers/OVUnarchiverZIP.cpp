@@ -1,6 +1,8 @@
 // The unpacker's ZIP step: the archive is fed to bsdtar on its standard
 // input, after its first bytes have shown that it is a ZIP archive that no
-// other of bsdtar's readers would claim.
+// other of bsdtar's readers would claim. Reading a stream, bsdtar never sees
+// the central directory, where ZIP writers record Unix modes and links; they
+// are read from the archive file and applied before the tree is checked.
 #include "fennick/Helpers/OVUnarchiver.h"
 
 #include "fennick/Helpers/Internal/ArchiveFile.h"
@@ -10,6 +12,8 @@
 #include "fennick/Helpers/Internal/ToolOutputCollector.h"
 #include "fennick/Helpers/Internal/ToolWatchdog.h"
 #include "fennick/Helpers/Internal/UnarchiverErrors.h"
+#include "fennick/Helpers/Internal/ZIPCentralDirectory.h"
+#include "fennick/Helpers/Internal/ZIPModeRestoration.h"
 #include "fennick/Helpers/Internal/ZIPStreamCheck.h"
 #include "fennick/Helpers/Process+OVRunExtensions.h"
 #include "fennick/Runtime/Data.h"
@@ -20,9 +24,12 @@
 #include "fennick/Runtime/URL.h"
 
 #include <cerrno>
+#include <limits>
 #include <set>
+#include <span>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace fennick {
 
@@ -33,9 +40,26 @@ namespace {
 constexpr const char* kZIPTool = "/usr/bin/bsdtar";
 constexpr std::size_t kFeedChunkSize = 262'144;
 
+// The path bsdtar writes for a name, folded to lower case: empty and "."
+// components fall away, so "./a", "a/" and "a" are one item.
+std::string foldedPath(std::string_view name) {
+  std::string path;
+  while (!name.empty()) {
+    const std::size_t slash = name.find('/');
+    const std::string_view component = name.substr(0, slash);
+    name = slash == std::string_view::npos ? std::string_view() : name.substr(slash + 1);
+    if (component.empty() || component == ".") continue;
+    if (!path.empty()) path += '/';
+    path.append(component);
+  }
+  for (char& c : path)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return path;
+}
+
 // bsdtar's -v names every entry on a line of its own, "x NAME", followed on
-// the same line by any complaint about it. A name given twice (in any case)
-// would have one entry silently win over the other.
+// the same line by any complaint about it. A name given twice (in any case
+// or spelling) would have one entry silently win over the other.
 bool namesAnEntryTwice(std::string_view listing) {
   std::set<std::string> names;
   while (!listing.empty()) {
@@ -44,11 +68,7 @@ bool namesAnEntryTwice(std::string_view listing) {
     listing = end == std::string_view::npos ? std::string_view() : listing.substr(end + 1);
     if (line.substr(0, 2) != "x ") continue;
     line.remove_prefix(2);
-    while (line.size() > 1 && line.back() == '/') line.remove_suffix(1);
-    std::string folded(line);
-    for (char& c : folded)
-      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    if (!names.insert(std::move(folded)).second) return true;
+    if (!names.insert(foldedPath(line)).second) return true;
   }
   return false;
 }
@@ -86,6 +106,32 @@ Ref<Error> feed(const ArchiveFile& file, Ref<Data> chunk, const Ref<FileHandle>&
   return error;
 }
 
+bool readFully(int descriptor, std::uint64_t offset, std::span<char> into) {
+  for (std::size_t done = 0; done < into.size();) {
+    if (offset + done > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return false;
+    const ssize_t got =
+        ::pread(descriptor, into.data() + done, into.size() - done, static_cast<off_t>(offset + done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    done += static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+// Gives what bsdtar unpacked into `folder` the modes and links that the
+// archive's central directory records.
+Ref<Error> restoreRecordedModes(const ArchiveFile& file, const std::string& folder) {
+  const int descriptor = file.handle->fileDescriptor();
+  const ZIPCentralDirectory directory(
+      [descriptor](std::uint64_t offset, std::span<char> into) { return readFully(descriptor, offset, into); },
+      file.size);
+  if (directory.problem() != ZIPDirectoryProblem::None)
+    return unarchiverError(OVUnarchiverErrorUnsafeContent, describeZIPDirectoryProblem(directory.problem()));
+  const ZIPModeProblem problem = restoreZIPModesAndLinks(folder, directory);
+  if (problem == ZIPModeProblem::None) return nullptr;
+  return unarchiverError(OVUnarchiverErrorUnsafeContent, describeZIPModeProblem(problem));
+}
+
 }  // namespace
 
 Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archive, const ProgressHandler& progress,
@@ -121,7 +167,8 @@ Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archi
   // find such twins), and the substitution turns an absolute name into one
   // that starts with "..", which bsdtar refuses instead of quietly
   // extracting it under the folder. No owner, permission, ACL, attribute or
-  // flag comes from the archive.
+  // flag comes from the archive through the tool; the permissions that the
+  // central directory records are applied afterwards, made safe.
   tool->setArguments({"-x", "-v", "-k", "--no-same-owner", "--no-same-permissions", "--no-acls", "--no-xattrs",
                       "--no-fflags", "-s", ",^/,../,S", "-f", "-", "-C", work});
   tool->setStandardInput(input);
@@ -144,6 +191,7 @@ Ref<URL> OVUnarchiver::_unarchiveZIP_progressHandler_error(const Ref<URL>& archi
     return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive is cut short: its end record is missing."));
   if (namesAnEntryTwice(listing))
     return fail(unarchiverError(OVUnarchiverErrorUnsafeContent, "The archive names one item twice."));
+  if (Ref<Error> problem = restoreRecordedModes(file, work)) return fail(std::move(problem));
   if (const auto problem = checkExtractedTree(work, limit); problem != TreeProblem::None)
     return fail(treeError(problem));
 

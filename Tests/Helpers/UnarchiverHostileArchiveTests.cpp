@@ -41,6 +41,7 @@ const HostileCase kHostileCases[] = {
     {"link-after-name.zip", Expect::UnsafeContent, true},
     {"device.zip", Expect::AnyError, true},  // root gets a node to refuse; others cannot make one
     {"duplicate.zip", Expect::UnsafeContent},
+    {"duplicate-spelling.zip", Expect::UnsafeContent},  // "./twice.txt" and "twice.txt"
     {"case.zip", Expect::UnsafeContent},
     {"deep.zip", Expect::UnsafeContent},
     {"bomb.zip", Expect::TooLarge},
@@ -58,6 +59,21 @@ const HostileCase kHostileCases[] = {
     {"truncated-second-entry.zip", Expect::ToolFailure},
     {"truncated-central-directory.zip", Expect::UnsafeContent},
     {"truncated-end-record.zip", Expect::UnsafeContent},
+    // Central directories, which bsdtar reading a stream never sees: honest
+    // ones (plain, ZIP64, with data descriptors) unpack; one of each kind of
+    // lie fails the job (the reader's own tests go through them all).
+    {"valid.zip", Expect::Unpacks},
+    {"zip64-end.zip", Expect::Unpacks},
+    {"descriptors.zip", Expect::Unpacks},
+    {"end-in-comment.zip", Expect::UnsafeContent},
+    {"count-beyond-directory.zip", Expect::UnsafeContent},
+    {"zip64-huge-offset.zip", Expect::UnsafeContent},
+    {"zip64-extra-offset.zip", Expect::UnsafeContent},
+    {"overlapping.zip", Expect::UnsafeContent},
+    {"hidden-entry.zip", Expect::UnsafeContent},  // bsdtar would unpack an entry the directory leaves out
+    {"name-mismatch.zip", Expect::UnsafeContent},
+    {"nul-name.zip", Expect::UnsafeContent},  // bsdtar would cut the name at the NUL
+    {"long-name.zip", Expect::UnsafeContent},
     // Archives that are not regular files are never opened for reading.
     {"pipe.zip", Expect::AnyError, true},
     {"pipe.dmg", Expect::AnyError, true},

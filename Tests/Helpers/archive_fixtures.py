@@ -11,6 +11,9 @@
                           unpacker's table, into FOLDER; OUTSIDE is the
                           absolute path of a folder the archives aim at from
                           outside their own (device nodes need root)
+  mode-set FOLDER OUTSIDE ZIP archives whose modes and links only their
+                          central directories record, as Python writes them
+  directory-set FOLDER    ZIP archives whose central directories lie
 """
 import io
 import os
@@ -205,6 +208,7 @@ def hostile_set(folder: str, outside: str) -> None:
     write_zip(out("device.zip"), [("null", 0o020666, "")])
     write_zip(out("fifo.zip"), [("pipe", 0o010666, "")])
     write_zip(out("duplicate.zip"), [("twice.txt", FILE, "first"), ("twice.txt", FILE, "second")])
+    write_zip(out("duplicate-spelling.zip"), [("./twice.txt", FILE, "first"), ("twice.txt", FILE, "second")])
     write_zip(out("case.zip"), [("ReadMe", FILE, "one"), ("README", FILE, "two")])
     write_zip(out("deep.zip"), [("d/" * 140 + "f", FILE, "deep")])
     huge_declared_size(folder)
@@ -229,8 +233,167 @@ def hostile_set(folder: str, outside: str) -> None:
     write_zip(out("modes.zip"), [("suid", 0o104777, "x"), ("sgid", 0o102777, "x"), ("open/", 0o040777, ""),
                                  ("open/file", 0o100666, "x")])
     hostile_images(folder)
+    directory_set(folder)
     for name in ("pipe.zip", "pipe.dmg", "pipe.bin"):
         os.mkfifo(out(name), 0o644)
+
+
+def write_plain_zip(path: str, entries, create_system: int = 3) -> None:
+    """Modes and types in the central directory only, as most writers keep
+    them: a streaming reader sees none of them."""
+    with zipfile.ZipFile(path, "w") as archive:
+        for name, mode, content in entries:
+            info = entry(name, mode)
+            info.create_system = create_system
+            archive.writestr(info, content)
+
+
+MODE_ENTRIES = [
+    ("bin/", 0o040700, ""),
+    ("bin/run", 0o100755, "#!/bin/sh\n"),
+    ("bin/link", LINK, "run"),
+    ("doc.txt", FILE, "doc"),
+    ("private.txt", 0o100600, "mine"),
+    ("setuid", 0o104755, "x"),
+    ("open", 0o100777, "x"),
+    ("shared/", 0o041777, ""),
+    ("bare", 0o755, "x"),  # permissions without a type
+    ("lib/up", LINK, "../doc.txt"),
+    ("./dot/tool", 0o100755, "x"),
+    ("bad-NAME", 0o100700, "x"),
+]
+
+
+def with_zip64_end(data: bytes, entries=None, size=None, offset=None, plain_entries=0xFFFF) -> bytes:
+    """The archive with ZIP64 end records before its end record, whose own
+    fields then defer to them; the keywords put other values in the ZIP64
+    record (or, for plain_entries, in the plain one)."""
+    end = data.rfind(b"PK\x05\x06")
+    _, _, _, count, _, plain_size, plain_offset, _ = struct.unpack("<4sHHHHIIH", data[end:end + 22])
+    entries = count if entries is None else entries
+    record = struct.pack("<4sQHHIIQQQQ", b"PK\x06\x06", 44, 0x031E, 45, 0, 0, entries, entries,
+                         plain_size if size is None else size, plain_offset if offset is None else offset)
+    locator = struct.pack("<4sIQI", b"PK\x06\x07", 0, end, 1)
+    plain = struct.pack("<4sHHHHIIH", b"PK\x05\x06", 0xFFFF, 0xFFFF, plain_entries, plain_entries,
+                        0xFFFFFFFF, 0xFFFFFFFF, 0)
+    return data[:end] + record + locator + plain
+
+
+def invalid_utf8_name(path: str) -> None:
+    with open(path, "rb") as f:
+        data = f.read()
+    with open(path, "wb") as f:
+        f.write(data.replace(b"bad-NAME", b"bad-\xff\xfe\xfd\xfc"))
+
+
+def mode_set(folder: str, outside: str) -> None:
+    os.makedirs(folder, exist_ok=True)
+    out = lambda name: os.path.join(folder, name)
+    write_plain_zip(out("modes.zip"), MODE_ENTRIES)
+    invalid_utf8_name(out("modes.zip"))
+    with open(out("modes.zip"), "rb") as f:
+        data = f.read()
+    with open(out("modes-zip64.zip"), "wb") as f:
+        f.write(with_zip64_end(data))
+    write_plain_zip(out("not-unix.zip"), [("run", 0o100755, "x"), ("link", LINK, "run")], create_system=0)
+    refused = {
+        "link-up.zip": [("up", LINK, "../outside")],
+        "link-absolute.zip": [("abs", LINK, outside)],
+        "link-after-name.zip": [("sub/up", LINK, ".."), ("sub/out", LINK, "up/..")],
+        "link-nul.zip": [("nul", LINK, "a\0b")],
+        "link-long.zip": [("long", LINK, "a" * 5000)],
+        "link-empty.zip": [("empty", LINK, "")],
+    }
+    for name, links in refused.items():
+        write_plain_zip(out(name), [("ok.txt", FILE, "ok")] + links)
+
+
+class Unseekable(io.BytesIO):
+    def seek(self, *arguments):
+        raise OSError("a pipe cannot seek")
+
+
+def unseekable_zip(entries) -> bytes:
+    stream = Unseekable()
+    with zipfile.ZipFile(stream, "w") as archive:
+        for name, mode, content in entries:
+            archive.writestr(entry(name, mode), content)
+    return stream.getvalue()
+
+
+def directory_records(data: bytes):
+    """The offsets of the central directory's records and of the end record."""
+    end = data.rfind(b"PK\x05\x06")
+    count, _, offset = struct.unpack("<HII", data[end + 10:end + 20])
+    records = []
+    for _ in range(count):
+        records.append(offset)
+        name, extra, comment = struct.unpack("<HHH", data[offset + 28:offset + 34])
+        offset += 46 + name + extra + comment
+    return records, end
+
+
+def patched(data: bytes, at: int, fmt: str, *values) -> bytes:
+    packed = struct.pack(fmt, *values)
+    return data[:at] + packed + data[at + len(packed):]
+
+
+def directory_set(folder: str) -> None:
+    os.makedirs(folder, exist_ok=True)
+    path = os.path.join(folder, "valid.zip")
+    write_plain_zip(path, [("a.txt", FILE, "a" * 100), ("b/", FOLDER, ""), ("b/c", LINK, "../a.txt")])
+    with open(path, "rb") as f:
+        valid = f.read()
+    records, end = directory_records(valid)
+    first = records[0]
+    size, offset = struct.unpack("<II", valid[end + 12:end + 20])
+    fake_end = struct.pack("<4sHHHHIIH", b"PK\x05\x06", 0, 0, 1, 1, 46, 0, 0)
+    cases = {
+        "zip64-end.zip": with_zip64_end(valid),
+        "directory-shifted.zip": valid[:offset + 10] + valid[offset + 20:],
+        "end-in-comment.zip": patched(valid, end + 20, "<H", len(fake_end)) + fake_end,
+        "count-beyond-directory.zip": patched(valid, end + 8, "<HH", 0xFFFE, 0xFFFE),
+        "offset-past-end.zip": patched(valid, end + 16, "<I", 0xFFFFFF00),
+        "size-past-end.zip": patched(valid, end + 12, "<I", size + 1000),
+        "zip64-huge-count.zip": with_zip64_end(valid, entries=1 << 62),
+        "zip64-huge-offset.zip": with_zip64_end(valid, offset=(1 << 64) - 16, size=32),
+        "zip64-huge-size.zip": with_zip64_end(valid, size=1 << 63),
+        "zip64-disagrees.zip": with_zip64_end(valid, plain_entries=2),
+        "overlapping.zip": patched(valid, first + 20, "<I", 150),  # reaches into the second entry
+        "local-offset-past-directory.zip": patched(valid, first + 42, "<I", 0xFFFFFFFE),
+        "name-mismatch.zip": patched(valid, first + 46, "<B", ord("z")),
+        "nul-name.zip": patched(patched(valid, first + 47, "<B", 0), 31, "<B", 0),
+        "no-end-record.zip": valid[:end],
+        "bytes-after-end.zip": valid + b"junk",
+        "count-too-small.zip": patched(valid, end + 8, "<HH", 2, 2),
+    }
+    # A ZIP64 extra field that moves the first entry's local header far away.
+    extra = struct.pack("<HHQ", 0x0001, 8, 1 << 63)
+    name_length, extra_length = struct.unpack("<HH", valid[first + 28:first + 32])
+    record_end = first + 46 + name_length + extra_length
+    moved = (valid[:first] + patched(valid[first:first + 46], 30, "<H", extra_length + len(extra))
+             + valid[first + 46:record_end] + extra + valid[record_end:])
+    moved = patched(moved, first + 42, "<I", 0xFFFFFFFF)
+    new_end = end + len(extra)
+    cases["zip64-extra-offset.zip"] = patched(moved, new_end + 12, "<I", size + len(extra))
+    # An entry that the directory leaves out, which bsdtar would unpack.
+    listed_path = os.path.join(folder, "listed.zip")
+    write_plain_zip(listed_path, [("a.txt", FILE, "a"), ("hidden", FILE, "unlisted"), ("b.txt", FILE, "b")])
+    with open(listed_path, "rb") as f:
+        listed = f.read()
+    os.remove(listed_path)
+    (_, hidden, after), end = directory_records(listed)
+    size = struct.unpack("<I", listed[end + 12:end + 16])[0]
+    cut = after - hidden
+    cases["hidden-entry.zip"] = patched(listed[:hidden] + listed[after:], end - cut + 8, "<HHI", 2, 2, size - cut)
+    # Data descriptors after each entry's data, as writers to a pipe put them.
+    with open(os.path.join(folder, "descriptors.zip"), "wb") as f:
+        f.write(unseekable_zip([("a.txt", FILE, "a" * 100), ("b/", FOLDER, ""), ("b/c", LINK, "../a.txt")]))
+    # A name longer than any path: 20 folders of 250 bytes.
+    write_plain_zip(os.path.join(folder, "long-name.zip"), [(("n" * 250 + "/") * 20 + "f", FILE, "x")])
+    for name, data in cases.items():
+        with open(os.path.join(folder, name), "wb") as f:
+            f.write(data)
 
 
 if __name__ == "__main__":
@@ -245,5 +408,9 @@ if __name__ == "__main__":
         image_of(sys.argv[2], sys.argv[3])
     elif sys.argv[1] == "hostile-set":
         hostile_set(sys.argv[2], sys.argv[3])
+    elif sys.argv[1] == "mode-set":
+        mode_set(sys.argv[2], sys.argv[3])
+    elif sys.argv[1] == "directory-set":
+        directory_set(sys.argv[2])
     else:
         sys.exit(__doc__)

@@ -12,8 +12,6 @@ namespace fennick::detail {
 
 namespace {
 
-constexpr mode_t kUnsafeModeBits = S_ISUID | S_ISGID | S_IWOTH;
-
 std::string foldedCase(std::string name) {
   for (char& c : name)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');

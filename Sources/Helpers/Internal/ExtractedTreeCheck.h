@@ -11,11 +11,12 @@
 // the tree (or is absolute, naming a place on this system as the archive's
 // author meant); it refuses names that differ only in case within one
 // folder (on a case-insensitive volume one would replace the other); and it
-// takes away set-user-ID, set-group-ID and world-write bits.
+// takes away the bits of kUnsafeModeBits.
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace fennick::detail {
 
@@ -29,6 +30,11 @@ enum class TreeProblem {
   TooLarge,        // regular files of more bytes in all than allowed
   Unreadable,      // a folder that could not be read, or a change that failed
 };
+
+/// Mode bits that nothing unpacked keeps: set-user-ID, set-group-ID and
+/// sticky, and write permission for anyone but the owner (the caller may be
+/// root, and what it unpacks may be run or loaded by others).
+inline constexpr mode_t kUnsafeModeBits = S_ISUID | S_ISGID | S_ISVTX | S_IWGRP | S_IWOTH;
 
 /// Folders nested deeper than this are refused; no application needs them,
 /// and every level costs a descriptor while the tree is walked or copied.
