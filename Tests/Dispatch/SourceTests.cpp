@@ -278,7 +278,7 @@ TEST(Source, ReleasedSourcesLeaveNoDescriptorsOrReactorThread) {
 }
 
 TEST(Source, WithoutDescriptorsSourcesAreNilAndDelayedWorkStillRuns) {
-  FENNICK_RUN_IN_CHILD("Source.InsideDescriptorExhaustion", {});
+  FENNICK_RUN_IN_CHILD("Source.InsideDescriptorExhaustion", {.exhaustsDescriptors = true});
 }
 
 // A fresh process (no reactor yet) with every descriptor taken: the reactor

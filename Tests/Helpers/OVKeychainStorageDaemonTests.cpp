@@ -151,7 +151,7 @@ TEST_F(OVKeychainStorageDaemonTest, RestartedBetweenTwoCalls) {
 }
 
 TEST_F(OVKeychainStorageDaemonTest, OutOfDescriptors) {
-  FENNICK_RUN_IN_CHILD("OVKeychainStorageDaemonTest.InsideOutOfDescriptors", {});
+  FENNICK_RUN_IN_CHILD("OVKeychainStorageDaemonTest.InsideOutOfDescriptors", {.exhaustsDescriptors = true});
 }
 
 // Fills the descriptor table (under a lowered limit) and frees it again.

@@ -131,7 +131,7 @@ std::vector<int> exhaustDescriptors() {
 }
 
 TEST(OVReachabilityTest, WithoutDescriptorsLeft) {
-  FENNICK_RUN_IN_CHILD("OVReachabilityTest.InsideDescriptorExhaustion", {});
+  FENNICK_RUN_IN_CHILD("OVReachabilityTest.InsideDescriptorExhaustion", {.exhaustsDescriptors = true});
 }
 
 // Without a socket the flags cannot be read: not reachable, no connection

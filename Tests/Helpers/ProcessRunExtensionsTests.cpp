@@ -69,7 +69,7 @@ TEST(ProcessRunExtensionsTest, AChildThatNeverExitsIsFreedOnceKilled) {
 }
 
 TEST(ProcessRunExtensionsTest, LaunchesWithoutDescriptorsLeft) {
-  FENNICK_RUN_IN_CHILD("ProcessRunExtensionsTest.InsideDescriptorExhaustion", {});
+  FENNICK_RUN_IN_CHILD("ProcessRunExtensionsTest.InsideDescriptorExhaustion", {.exhaustsDescriptors = true});
 }
 
 // With no descriptor left, each launch either fails with false or nil, or

@@ -79,7 +79,7 @@ void setDescriptorLimit(rlim_t limit) {
 }
 
 TEST(UnarchiverExhaustion, OutOfDescriptorsTheJobEndsInAnError) {
-  FENNICK_RUN_IN_CHILD("UnarchiverExhaustion.InsideOutOfDescriptors", {});
+  FENNICK_RUN_IN_CHILD("UnarchiverExhaustion.InsideOutOfDescriptors", {.exhaustsDescriptors = true});
 }
 
 // Every step of a job that needs a descriptor meets a limit once: each run

@@ -35,7 +35,20 @@ struct ChildSetup {
   bool privateNamespace = false;
   bool unprivileged = false;  // drops to the user "nobody" when running as root
   std::vector<std::string> environment = {};
+  // The child runs out of descriptors, which a build checked by
+  // UndefinedBehaviorSanitizer cannot do: it reads the vtable of a type it
+  // has not met through a pipe, and without one reports every such object
+  // as broken (no suppression helps, since the type's name is in that
+  // vtable too). Such tests run in the other builds.
+  bool exhaustsDescriptors = false;
 };
+
+// The address-sanitizer build is the one that also checks undefined behaviour.
+#ifdef __SANITIZE_ADDRESS__
+inline constexpr bool kTypeChecksNeedDescriptors = true;
+#else
+inline constexpr bool kTypeChecksNeedDescriptors = false;
+#endif
 
 enum class ChildRun { Passed, Failed, Unavailable };
 
@@ -46,18 +59,19 @@ inline ChildRun runTestInChild(const std::string& testName, const ChildSetup& se
   const std::string gidMap = "0 " + std::to_string(::getgid()) + " 1\n";
   const std::string marker = std::string(kChildTestVariable) + "=1";
   std::vector<char*> arguments = {const_cast<char*>("/proc/self/exe"), const_cast<char*>(filter.c_str()), nullptr};
+  const std::vector<std::string>& variables = setup.environment;
   std::vector<char*> environment;
   // A variable of the setup replaces the inherited one: getenv() finds the
   // first of two.
   auto nameOf = [](std::string_view variable) { return variable.substr(0, variable.find('=')); };
   auto overridden = [&](std::string_view variable) {
-    for (const std::string& own : setup.environment)
+    for (const std::string& own : variables)
       if (nameOf(own) == nameOf(variable)) return true;
     return false;
   };
   for (char** variable = environ; *variable; ++variable)
     if (!overridden(*variable)) environment.push_back(*variable);
-  for (const std::string& variable : setup.environment) environment.push_back(const_cast<char*>(variable.c_str()));
+  for (const std::string& variable : variables) environment.push_back(const_cast<char*>(variable.c_str()));
   environment.push_back(const_cast<char*>(marker.c_str()));
   environment.push_back(nullptr);
   // Raw system calls only in the child: made by clone() below, it bypasses
@@ -113,7 +127,10 @@ inline bool inChildTest() { return std::getenv(kChildTestVariable) != nullptr; }
 
 #define FENNICK_RUN_IN_CHILD(inner, ...)                                                            \
   do {                                                                                              \
-    switch (::fennick::filetest::runTestInChild(inner, ::fennick::filetest::ChildSetup __VA_ARGS__)) { \
+    const ::fennick::filetest::ChildSetup childSetup __VA_ARGS__;                                   \
+    if (childSetup.exhaustsDescriptors && ::fennick::filetest::kTypeChecksNeedDescriptors)          \
+      GTEST_SKIP() << "UndefinedBehaviorSanitizer cannot check types without descriptors";          \
+    switch (::fennick::filetest::runTestInChild(inner, childSetup)) {                               \
       case ::fennick::filetest::ChildRun::Passed: break;                                            \
       case ::fennick::filetest::ChildRun::Failed: FAIL() << inner << " failed in its child process"; \
       case ::fennick::filetest::ChildRun::Unavailable:                                              \

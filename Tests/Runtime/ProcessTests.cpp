@@ -196,7 +196,7 @@ TEST(ProcessTest, ExitedChildrenAreReapedWithoutAWaiter) {
 }
 
 TEST(ProcessTest, ExitIsWatchedEvenWithoutADescriptorLeft) {
-  FENNICK_RUN_IN_CHILD("ProcessTest.InsideDescriptorExhaustion", {});
+  FENNICK_RUN_IN_CHILD("ProcessTest.InsideDescriptorExhaustion", {.exhaustsDescriptors = true});
 }
 
 // With every descriptor taken, the child still starts (posix_spawn needs
