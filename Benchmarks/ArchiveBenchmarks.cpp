@@ -3,12 +3,12 @@
 // full round trip (runtime objects -> bytes -> runtime objects) on each side.
 #include "Comparison.h"
 
-#include "fennick/Runtime/Data.h"
-#include "fennick/Runtime/Dictionary.h"
-#include "fennick/Runtime/KeyedArchiver.h"
-#include "fennick/Runtime/KeyedUnarchiver.h"
-#include "fennick/Runtime/Number.h"
-#include "fennick/Runtime/String.h"
+#include "fennick/Runtime/Values/Data.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
+#include "fennick/Runtime/Coding/KeyedArchiver.h"
+#include "fennick/Runtime/Coding/KeyedUnarchiver.h"
+#include "fennick/Runtime/Values/Number.h"
+#include "fennick/Runtime/Values/String.h"
 
 #include <plist/plist.h>
 

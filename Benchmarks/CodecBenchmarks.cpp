@@ -4,7 +4,7 @@
 // iteration, so both pay for the output allocation.
 #include "Comparison.h"
 
-#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Values/Data.h"
 
 #include <openssl/evp.h>
 #include <sodium.h>

@@ -5,9 +5,9 @@
 // identity.
 #include "Comparison.h"
 
-#include "fennick/Runtime/Dictionary.h"
-#include "fennick/Runtime/Number.h"
-#include "fennick/Runtime/String.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
+#include "fennick/Runtime/Values/Number.h"
+#include "fennick/Runtime/Values/String.h"
 
 #include <fmt/format.h>
 

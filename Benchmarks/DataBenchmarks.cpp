@@ -4,15 +4,15 @@
 // archiving by reflection (hand-written coding methods).
 #include "Comparison.h"
 
-#include "fennick/Helpers/OVClassReflection.h"
-#include "fennick/Helpers/OVJSONParser.h"
-#include "fennick/Helpers/OVSQLite.h"
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Data.h"
-#include "fennick/Runtime/JSON.h"
-#include "fennick/Runtime/KeyedArchiver.h"
-#include "fennick/Runtime/KeyedUnarchiver.h"
-#include "fennick/Runtime/VersionOrder.h"
+#include "fennick/Helpers/Data/OVClassReflection.h"
+#include "fennick/Helpers/Data/OVJSONParser.h"
+#include "fennick/Helpers/Data/OVSQLite.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/Values/Data.h"
+#include "fennick/Runtime/Coding/JSON.h"
+#include "fennick/Runtime/Coding/KeyedArchiver.h"
+#include "fennick/Runtime/Coding/KeyedUnarchiver.h"
+#include "fennick/Runtime/Values/VersionOrder.h"
 
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>

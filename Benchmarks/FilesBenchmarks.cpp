@@ -3,10 +3,10 @@
 // descriptor for event latency, and raw inotify watches for set-up cost.
 #include "Comparison.h"
 
-#include "fennick/Helpers/OVFileMonitor.h"
-#include "fennick/Helpers/OVFileMonitoringManager.h"
-#include "fennick/Platform/VnodeEventSource.h"
-#include "fennick/Runtime/URL.h"
+#include "fennick/Helpers/Files/OVFileMonitor.h"
+#include "fennick/Helpers/Files/OVFileMonitoringManager.h"
+#include "fennick/Platform/Files/VnodeEventSource.h"
+#include "fennick/Runtime/URLs/URL.h"
 
 #include <fcntl.h>
 #include <ftw.h>

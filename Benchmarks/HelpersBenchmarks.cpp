@@ -4,12 +4,12 @@
 #include "Comparison.h"
 #include "SharedSides.h"
 
-#include "fennick/Helpers/OVCancellation.h"
-#include "fennick/Helpers/OVProactor.h"
-#include "fennick/Helpers/OVReceptionist.h"
-#include "fennick/Helpers/OVStateMachine.h"
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Number.h"
+#include "fennick/Helpers/Coordination/OVCancellation.h"
+#include "fennick/Helpers/Proactor/OVProactor.h"
+#include "fennick/Helpers/Receptionist/OVReceptionist.h"
+#include "fennick/Helpers/Coordination/OVStateMachine.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/Values/Number.h"
 
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>

@@ -10,8 +10,8 @@
 #include "fennick/AppKitExtensions/OVErrorPresentationController.h"
 #include "fennick/Dispatch/GLibMainContext.h"
 #include "fennick/Dispatch/Main.h"
-#include "fennick/Runtime/Array.h"
-#include "fennick/Runtime/ClassBuilder.h"
+#include "fennick/Runtime/Collections/Array.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
 
 namespace {
 

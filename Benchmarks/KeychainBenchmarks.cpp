@@ -5,7 +5,7 @@
 #include "Comparison.h"
 
 #include "../Tests/Support/TestKeyring.h"
-#include "fennick/Helpers/OVKeychainStorage.h"
+#include "fennick/Helpers/Secrets/OVKeychainStorage.h"
 
 #include <fmt/format.h>
 

@@ -3,8 +3,8 @@
 #include "Comparison.h"
 #include "SharedSides.h"
 
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Object.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/ObjectModel/Object.h"
 
 #include <glib-object.h>
 

@@ -4,8 +4,8 @@
 #include "Comparison.h"
 #include "SharedSides.h"
 
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/Values/Number.h"
 
 #include <QCoreApplication>
 #include <QSignalTransition>

@@ -4,7 +4,7 @@
 // pair can be made and addressed without touching the host's network.
 #include "Comparison.h"
 
-#include "fennick/Helpers/OVReachability.h"
+#include "fennick/Helpers/System/OVReachability.h"
 
 #include <arpa/inet.h>
 #include <linux/netlink.h>

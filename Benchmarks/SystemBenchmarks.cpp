@@ -2,10 +2,10 @@
 // posix_spawn and waitpid for a launch, bsdtar run directly for a ZIP.
 #include "Comparison.h"
 
-#include "fennick/Helpers/OVUnarchiver.h"
-#include "fennick/Runtime/Error.h"
-#include "fennick/Runtime/Process.h"
-#include "fennick/Runtime/URL.h"
+#include "fennick/Helpers/Unarchiver/OVUnarchiver.h"
+#include "fennick/Runtime/Errors/Error.h"
+#include "fennick/Runtime/Processes/Process.h"
+#include "fennick/Runtime/URLs/URL.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -9,10 +9,10 @@ install(TARGETS fennick fennick_static EXPORT FennickTargets
 install(TARGETS fennick_flags EXPORT FennickTargets)
 install(TARGETS fennick_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-foreach(header ${FENNICK_PUBLIC_HEADERS})
+# Headers keep their place in the tree: Sources/fennick/... becomes include/fennick/...
+foreach(header ${FENNICK_PUBLIC_HEADERS} ${FENNICK_GTK_PUBLIC_HEADERS})
   get_filename_component(dir ${header} DIRECTORY)
-  install(FILES ${CMAKE_SOURCE_DIR}/Sources/${header}
-          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fennick/${dir})
+  install(FILES ${FENNICK_SOURCE_ROOT}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir})
 endforeach()
 
 set(FENNICK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Fennick)
@@ -39,9 +39,6 @@ if(TARGET fennick_gtk)
   install(TARGETS fennick_gtk fennick_gtk_static EXPORT FennickGtkTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  foreach(header ${FENNICK_GTK_PUBLIC_HEADERS})
-    install(FILES ${CMAKE_SOURCE_DIR}/Sources/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fennick/GTK)
-  endforeach()
   install(EXPORT FennickGtkTargets NAMESPACE Fennick:: DESTINATION ${FENNICK_CMAKE_DIR})
   install(FILES ${CMAKE_SOURCE_DIR}/cmake/FennickGtk.cmake DESTINATION ${FENNICK_CMAKE_DIR})
   configure_file(${CMAKE_SOURCE_DIR}/cmake/fennick-gtk.pc.in ${CMAKE_BINARY_DIR}/fennick-gtk.pc @ONLY)

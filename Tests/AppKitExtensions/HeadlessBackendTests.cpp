@@ -2,11 +2,11 @@
 
 #include <thread>
 
-#include "InterfaceTestSupport.h"
+#include "AppKitExtensions/InterfaceTestSupport.h"
 #include "fennick/AppKitExtensions/Alert.h"
 #include "fennick/AppKitExtensions/Application.h"
 #include "fennick/Dispatch/Main.h"
-#include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Dispatch/OVDispatchQueue.h"
 
 using namespace fennick;
 using namespace fennick::testing;

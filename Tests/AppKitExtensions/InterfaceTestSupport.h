@@ -14,11 +14,11 @@
 #include "fennick/AppKitExtensions/HeadlessBackend.h"
 #include "fennick/AppKitExtensions/InterfaceBackend.h"
 #include "fennick/Dispatch/Main.h"
-#include "fennick/FoundationExtensions/OVDispatchQueue.h"
-#include "fennick/Runtime/Array.h"
-#include "fennick/Runtime/Error.h"
-#include "fennick/Runtime/OVErrorRecoveryAttemptInfo.h"
-#include "fennick/Runtime/String.h"
+#include "fennick/Dispatch/OVDispatchQueue.h"
+#include "fennick/Runtime/Collections/Array.h"
+#include "fennick/Runtime/Errors/Error.h"
+#include "fennick/Runtime/Errors/OVErrorRecoveryAttemptInfo.h"
+#include "fennick/Runtime/Values/String.h"
 
 namespace fennick::testing {
 

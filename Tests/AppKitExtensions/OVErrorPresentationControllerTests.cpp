@@ -3,12 +3,12 @@
 #include <atomic>
 #include <thread>
 
-#include "InterfaceTestSupport.h"
+#include "AppKitExtensions/InterfaceTestSupport.h"
 #include "fennick/AppKitExtensions/OVErrorPresentationController.h"
 #include "fennick/Dispatch/Main.h"
-#include "fennick/Runtime/BlockObject.h"
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/ObjectModel/BlockObject.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/Values/Number.h"
 
 using namespace fennick;
 using namespace fennick::testing;

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "InterfaceTestSupport.h"
+#include "AppKitExtensions/InterfaceTestSupport.h"
 #include "Support/CallOutProbe.h"
 #include "fennick/AppKitExtensions/OVErrorPresentationController.h"
-#include "fennick/Runtime/BlockObject.h"
-#include "fennick/Runtime/Dictionary.h"
+#include "fennick/Runtime/ObjectModel/BlockObject.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
 
 using namespace fennick;
 using namespace fennick::testing;

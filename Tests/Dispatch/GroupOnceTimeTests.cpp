@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
+#include "Dispatch/TestSupport.h"
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Dispatch/Once.h"
 #include "fennick/Dispatch/Queue.h"

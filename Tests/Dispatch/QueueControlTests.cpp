@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
+#include "Dispatch/TestSupport.h"
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Dispatch/Queue.h"
 

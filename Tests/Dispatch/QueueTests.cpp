@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
+#include "Dispatch/TestSupport.h"
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Dispatch/Internal/QueueCore.h"
 #include "fennick/Dispatch/Main.h"
@@ -249,7 +249,7 @@ TEST(Queue, SixtyFourBlockingSyncCallsFromWorkersAllComplete) {
 // must see the other's change: two successes would close a loop that every
 // walk along the chain (current-queue look-ups, sync) would never leave.
 TEST(Queue, RacingRetargetsNeverCloseACycle) {
-  using internal::QueueCore;
+  using detail::QueueCore;
   for (int round = 0; round < 1000; ++round) {
     auto a = Queue::createSerial("race.a");
     auto b = Queue::createSerial("race.b");

@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/ChildTestRun.h"
-#include "TestSupport.h"
+#include "Support/ChildTestRun.h"
+#include "Dispatch/TestSupport.h"
 #include "fennick/Dispatch/Queue.h"
 #include "fennick/Dispatch/Source.h"
 

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
+#include "Dispatch/TestSupport.h"
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Dispatch/Internal/WorkerPool.h"
 #include "fennick/Dispatch/Queue.h"
@@ -19,7 +19,7 @@ using namespace fennick;
 using namespace fennick::dispatch;
 using namespace std::chrono_literals;
 using fennick::dispatch::testing::eventually;
-using internal::WorkerPool;
+using detail::WorkerPool;
 
 // Blocks that wait in read() without telling the pool take every worker. The
 // pool must notice and add threads, so that a block on an unrelated queue runs

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "fennick/Runtime/Data.h"
-#include "fennick/Runtime/Error.h"
-#include "fennick/Runtime/URL.h"
+#include "fennick/Runtime/Values/Data.h"
+#include "fennick/Runtime/Errors/Error.h"
+#include "fennick/Runtime/URLs/URL.h"
 
 using namespace fennick;
 

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "fennick/Runtime/Dictionary.h"
-#include "fennick/Runtime/Internal/BundleELFSection.h"
-#include "fennick/Runtime/PropertyList.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
+#include "fennick/Runtime/Processes/Internal/BundleELFSection.h"
+#include "fennick/Runtime/Coding/PropertyList.h"
 
 using namespace fennick;
 

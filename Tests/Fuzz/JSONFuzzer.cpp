@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "fennick/Runtime/Error.h"
-#include "fennick/Runtime/JSON.h"
-#include "fennick/Runtime/PropertyList.h"
+#include "fennick/Runtime/Errors/Error.h"
+#include "fennick/Runtime/Coding/JSON.h"
+#include "fennick/Runtime/Coding/PropertyList.h"
 
 using namespace fennick;
 

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "fennick/Helpers/OVJSONParser.h"
-#include "fennick/Runtime/JSON.h"
+#include "fennick/Helpers/Data/OVJSONParser.h"
+#include "fennick/Runtime/Coding/JSON.h"
 
 using namespace fennick;
 

@@ -9,15 +9,15 @@
 #include <unordered_set>
 #include <vector>
 
-#include "fennick/Helpers/OVClassReflection.h"
-#include "fennick/Helpers/OVEnumValueTransformer.h"
-#include "fennick/Runtime/Array.h"
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Data.h"
-#include "fennick/Runtime/Date.h"
-#include "fennick/Runtime/KeyedUnarchiver.h"
-#include "fennick/Runtime/Null.h"
-#include "fennick/Runtime/Number.h"
+#include "fennick/Helpers/Data/OVClassReflection.h"
+#include "fennick/Helpers/Data/OVEnumValueTransformer.h"
+#include "fennick/Runtime/Collections/Array.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/Values/Data.h"
+#include "fennick/Runtime/Values/Date.h"
+#include "fennick/Runtime/Coding/KeyedUnarchiver.h"
+#include "fennick/Runtime/Values/Null.h"
+#include "fennick/Runtime/Values/Number.h"
 
 using namespace fennick;
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "fennick/Platform/Internal/NetlinkMessages.h"
+#include "fennick/Platform/System/Internal/NetlinkMessages.h"
 
 using namespace fennick::platform::netlink;
 

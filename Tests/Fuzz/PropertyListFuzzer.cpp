@@ -10,14 +10,14 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "fennick/Runtime/Array.h"
-#include "fennick/Runtime/Date.h"
-#include "fennick/Runtime/Dictionary.h"
-#include "fennick/Runtime/Error.h"
-#include "fennick/Runtime/Internal/BinaryPropertyListScan.h"
-#include "fennick/Runtime/Internal/XMLPropertyListScan.h"
-#include "fennick/Runtime/Number.h"
-#include "fennick/Runtime/PropertyList.h"
+#include "fennick/Runtime/Collections/Array.h"
+#include "fennick/Runtime/Values/Date.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
+#include "fennick/Runtime/Errors/Error.h"
+#include "fennick/Runtime/Coding/Internal/BinaryPropertyListScan.h"
+#include "fennick/Runtime/Coding/Internal/XMLPropertyListScan.h"
+#include "fennick/Runtime/Values/Number.h"
+#include "fennick/Runtime/Coding/PropertyList.h"
 
 using namespace fennick;
 

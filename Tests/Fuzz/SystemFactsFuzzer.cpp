@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "fennick/Platform/SystemFacts.h"
-#include "fennick/Runtime/String.h"
+#include "fennick/Platform/System/SystemFacts.h"
+#include "fennick/Runtime/Values/String.h"
 
 using namespace fennick::platform;
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Values/Data.h"
 
 using namespace fennick;
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "fennick/Runtime/Data.h"
+#include "fennick/Runtime/Values/Data.h"
 
 using namespace fennick;
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "fennick/Helpers/Internal/ExtractedTreeCheck.h"
-#include "fennick/Helpers/Internal/ZIPStreamCheck.h"
+#include "fennick/Helpers/Unarchiver/Internal/ExtractedTreeCheck.h"
+#include "fennick/Helpers/Unarchiver/Internal/ZIPStreamCheck.h"
 
 using namespace fennick::detail;
 

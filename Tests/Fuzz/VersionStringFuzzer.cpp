@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "fennick/Runtime/VersionOrder.h"
+#include "fennick/Runtime/Values/VersionOrder.h"
 
 using namespace fennick;
 

@@ -9,7 +9,7 @@
 #include <span>
 #include <string_view>
 
-#include "fennick/Helpers/Internal/ZIPCentralDirectory.h"
+#include "fennick/Helpers/Unarchiver/Internal/ZIPCentralDirectory.h"
 
 using namespace fennick::detail;
 

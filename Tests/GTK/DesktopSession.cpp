@@ -1,4 +1,4 @@
-#include "DesktopSession.h"
+#include "GTK/DesktopSession.h"
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>

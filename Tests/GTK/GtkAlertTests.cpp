@@ -4,15 +4,15 @@
 #include <atomic>
 #include <thread>
 
-#include "../AppKitExtensions/InterfaceTestSupport.h"
-#include "DesktopSession.h"
+#include "AppKitExtensions/InterfaceTestSupport.h"
+#include "GTK/DesktopSession.h"
 #include "fennick/AppKitExtensions/Application.h"
 #include "fennick/AppKitExtensions/OVErrorPresentationController.h"
 #include "fennick/Dispatch/Main.h"
 #include "fennick/GTK/GdkColor.h"
 #include "fennick/GTK/GtkBackend.h"
 #include "fennick/GTK/GtkWindowBridge.h"
-#include "fennick/Runtime/Number.h"
+#include "fennick/Runtime/Values/Number.h"
 
 using namespace fennick;
 using namespace fennick::gtktest;

@@ -6,7 +6,7 @@
 
 #include "fennick/Dispatch/Group.h"
 #include "fennick/Dispatch/Main.h"
-#include "fennick/FoundationExtensions/OVDispatchQueue.h"
+#include "fennick/Dispatch/OVDispatchQueue.h"
 
 using namespace fennick;
 

@@ -1,4 +1,4 @@
-#include "TestObjects.h"
+#include "Runtime/TestObjects.h"
 
 namespace fennick::testing {
 

@@ -1,9 +1,9 @@
 #pragma once
 // Small runtime classes shared by the runtime tests.
-#include "fennick/Runtime/ClassBuilder.h"
-#include "fennick/Runtime/Dictionary.h"
-#include "fennick/Runtime/Object.h"
-#include "fennick/Runtime/String.h"
+#include "fennick/Runtime/ObjectModel/ClassBuilder.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
+#include "fennick/Runtime/ObjectModel/Object.h"
+#include "fennick/Runtime/Values/String.h"
 
 #include <functional>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 using fennick::tooltest::runTool;
 

@@ -1,7 +1,7 @@
 // fennick hash and fennick encode, checked against coreutils.
 #include <gtest/gtest.h>
 
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 #include <unistd.h>
 

@@ -1,8 +1,8 @@
-#include "Runtime/BundleTestSupport.h"
+#include "Runtime/Processes/BundleTestSupport.h"
 #include "Tools/ToolRunner.h"
 
-#include "fennick/Runtime/Dictionary.h"
-#include "fennick/Runtime/String.h"
+#include "fennick/Runtime/Collections/Dictionary.h"
+#include "fennick/Runtime/Values/String.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>

@@ -1,5 +1,5 @@
 // fennick watch and fennick du, as a user runs them.
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 #include <fennick/Fennick.h>
 

@@ -2,7 +2,7 @@
 // commands.
 #include <gtest/gtest.h>
 
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 using fennick::tooltest::runTool;
 

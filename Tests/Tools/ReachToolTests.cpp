@@ -2,7 +2,7 @@
 // line per change, until interrupted.
 #include <gtest/gtest.h>
 
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 #include <cstdio>
 #include <cstdlib>

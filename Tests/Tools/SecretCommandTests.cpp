@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "Support/TestKeyring.h"
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 using fennick::tooltest::runTool;
 

@@ -2,7 +2,7 @@
 // address chosen in private network namespaces set up by the test.
 #include <gtest/gtest.h>
 
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 #include <nlohmann/json.hpp>
 

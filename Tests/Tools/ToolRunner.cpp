@@ -1,4 +1,4 @@
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 #include <fcntl.h>
 #include <poll.h>

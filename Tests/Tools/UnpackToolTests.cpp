@@ -3,7 +3,7 @@
 // destination it may not write to.
 #include <gtest/gtest.h>
 
-#include "ToolRunner.h"
+#include "Tools/ToolRunner.h"
 
 #include <cstdlib>
 #include <filesystem>
